@@ -1,0 +1,136 @@
+#include "support/testSupport.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+#include "platform/log/log.h"
+
+extern char **environ;
+
+namespace testing_support {
+
+TempDir::TempDir() {
+  std::string tmpl = (std::filesystem::temp_directory_path() / "guestprep-test-XXXXXX").string();
+  if (mkdtemp(tmpl.data()) == nullptr) {
+    throw std::runtime_error("mkdtemp failed");
+  }
+  path_ = tmpl;
+}
+
+TempDir::~TempDir() {
+  std::error_code ec;
+  // Tests may leave read-only directories behind; make them removable.
+  for (auto it = std::filesystem::recursive_directory_iterator(path_, ec);
+       !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec)) {
+    if (it->is_directory(ec) && !it->is_symlink(ec)) {
+      std::filesystem::permissions(it->path(), std::filesystem::perms::owner_all,
+                                   std::filesystem::perm_options::add, ec);
+    }
+  }
+  std::filesystem::remove_all(path_, ec);
+}
+
+LogCapture::LogCapture() { Log_SetSink(&LogCapture::Sink, this, &prevFn_, &prevCtx_); }
+
+LogCapture::~LogCapture() { Log_SetSink(prevFn_, prevCtx_); }
+
+void LogCapture::Sink(void *ctx, int, const char *text, size_t len) {
+  static_cast<LogCapture *>(ctx)->lines_.emplace_back(text, len);
+}
+
+std::string LogCapture::all() const {
+  std::string out;
+  for (const std::string &line : lines_) {
+    out += line;
+    if (out.empty() || out.back() != '\n') {
+      out += '\n';
+    }
+  }
+  return out;
+}
+
+bool LogCapture::contains(const std::string &needle) const {
+  for (const std::string &line : lines_) {
+    if (line.find(needle) != std::string::npos) {
+      return true;
+    }
+  }
+  return false;
+}
+
+CommandResult RunCommand(const std::vector<std::string> &argv) {
+  CommandResult result;
+  int pipefd[2];
+  if (pipe(pipefd) != 0) {
+    return result;
+  }
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, pipefd[1], STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, pipefd[1], STDERR_FILENO);
+  posix_spawn_file_actions_addclose(&actions, pipefd[0]);
+  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  std::vector<char *> args;
+  for (const std::string &a : argv) {
+    args.push_back(const_cast<char *>(a.c_str()));
+  }
+  args.push_back(nullptr);
+  pid_t pid;
+  int rc = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  close(pipefd[1]);
+  if (rc != 0) {
+    close(pipefd[0]);
+    result.output = "spawn failed: " + argv[0];
+    return result;
+  }
+  char buf[4096];
+  ssize_t n;
+  while ((n = read(pipefd[0], buf, sizeof buf)) > 0) {
+    result.output.append(buf, static_cast<size_t>(n));
+  }
+  close(pipefd[0]);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return result;
+}
+
+bool HaveTool(const std::string &name) {
+  const char *path = getenv("PATH");
+  std::stringstream dirs(path != nullptr ? path : "/usr/bin:/bin");
+  std::string dir;
+  while (std::getline(dirs, dir, ':')) {
+    if (access((std::filesystem::path(dir) / name).c_str(), X_OK) == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+void WriteFile(const std::filesystem::path &path, const std::string &contents) {
+  std::filesystem::create_directories(path.parent_path());
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out.write(contents.data(), static_cast<std::streamsize>(contents.size()));
+  if (!out) {
+    throw std::runtime_error("cannot write " + path.string());
+  }
+}
+
+std::string ReadFile(const std::filesystem::path &path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+std::filesystem::path DataDir() { return GUESTPREP_TEST_DATA; }
+
+}  // namespace testing_support

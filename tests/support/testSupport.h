@@ -1,0 +1,65 @@
+// Helpers shared by the test suites: scratch directories, captured log
+// lines, running the real tools that fixtures are built with.
+#ifndef GUESTPREP_TESTS_SUPPORT_H
+#define GUESTPREP_TESTS_SUPPORT_H
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace testing_support {
+
+// A fresh directory under the system temp dir, removed with its contents.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir &) = delete;
+  TempDir &operator=(const TempDir &) = delete;
+  const std::filesystem::path &path() const { return path_; }
+  std::string str() const { return path_.string(); }
+  std::filesystem::path operator/(const std::string &name) const { return path_ / name; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+// Captures every log event while alive; restores the previous sink after.
+class LogCapture {
+ public:
+  LogCapture();
+  ~LogCapture();
+  LogCapture(const LogCapture &) = delete;
+  LogCapture &operator=(const LogCapture &) = delete;
+  const std::vector<std::string> &lines() const { return lines_; }
+  std::string all() const;
+  bool contains(const std::string &needle) const;
+  void clear() { lines_.clear(); }
+
+ private:
+  static void Sink(void *ctx, int level, const char *text, size_t len);
+  std::vector<std::string> lines_;
+  void (*prevFn_)(void *, int, const char *, size_t) = nullptr;
+  void *prevCtx_ = nullptr;
+};
+
+struct CommandResult {
+  int exitCode = -1;
+  std::string output;  // stdout and stderr together
+};
+
+// Runs argv (no shell) and collects its output.
+CommandResult RunCommand(const std::vector<std::string> &argv);
+
+// True when the named program is on PATH.
+bool HaveTool(const std::string &name);
+
+void WriteFile(const std::filesystem::path &path, const std::string &contents);
+std::string ReadFile(const std::filesystem::path &path);
+
+// Directory of committed test inputs (tests/data).
+std::filesystem::path DataDir();
+
+}  // namespace testing_support
+
+#endif
