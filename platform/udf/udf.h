@@ -1,0 +1,58 @@
+/*
+ * UDF image reader: anchors (sector 256 and the backups), the volume
+ * descriptor sequence, type 1 and metadata (UDF 2.50+) partitions, File
+ * Entries and Extended File Entries with short, long and embedded
+ * allocation descriptors, File Identifier Descriptors, CS0 names (as
+ * UTF-8), files over 4 GiB. The ISO 9660 bridge that UDF media carry is
+ * ignored; a plain ISO 9660 image is not UDF (UDF_Open gives null).
+ *
+ * Failures are null or false plus one log line; a corrupt or hostile image
+ * never crashes, hangs or allocates without bound. Paths use "/" and may
+ * start with "/"; "" and "/" are the root; names are matched exactly.
+ * Handles are used by one thread at a time and closed before their volume.
+ */
+#ifndef GUESTPREP_PLATFORM_UDF_H
+#define GUESTPREP_PLATFORM_UDF_H
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include "platform/image/imageReader.h"
+
+struct UDFVolume;
+struct UDFDir;
+struct UDFFile;
+
+/* What UDF_ReadDir can report beside the name. */
+struct UDFDirEntryInfo {
+  uint64_t size;
+  bool isDirectory;
+  bool isSymlink;
+};
+
+/* option is reserved for the host (pass null). */
+UDFVolume *UDF_Open(const char *path, const void *option);
+/* The same over any reader (tests, benchmarks, fuzzers). */
+UDFVolume *UDF_OpenReader(std::unique_ptr<gp::ImageReader> reader);
+void UDF_Close(UDFVolume *volume);
+
+/* Opens path relative to parent (null: the root). */
+UDFDir *UDF_OpenDir(UDFVolume *volume, UDFDir *parent, const char *path);
+/* The next entry's name (parent entries skipped), or null at the end. The
+ * name stays valid until the next UDF_ReadDir, UDF_RewindDir or
+ * UDF_CloseDir on the handle. info may be null. */
+const char *UDF_ReadDir(UDFDir *dir, UDFDirEntryInfo *info);
+void UDF_RewindDir(UDFDir *dir);
+bool UDF_CloseDir(UDFDir *dir);
+
+/* Opens the file name in dir (null: the root); null when absent or not a
+ * regular file. */
+UDFFile *UDF_OpenFile(UDFVolume *volume, UDFDir *dir, const char *name);
+/* Size in bytes, all ones on failure. */
+uint64_t UDF_GetFileSize(UDFVolume *volume, UDFFile *file);
+/* Reads exactly length bytes at offset; false on failure or past the end. */
+bool UDF_PReadFile(UDFFile *file, void *buffer, uint64_t offset, size_t length);
+void UDF_CloseFile(UDFFile *file);
+
+#endif
