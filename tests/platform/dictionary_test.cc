@@ -1,0 +1,348 @@
+#include "platform/dictionary/dictionary.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/file/fileIO.h"
+#include "support/testSupport.h"
+
+namespace {
+
+using testing_support::DataDir;
+using testing_support::LogCapture;
+using testing_support::ReadFile;
+using testing_support::RunCommand;
+using testing_support::TempDir;
+using testing_support::WriteFile;
+using Entries = std::vector<std::pair<std::string, std::string>>;
+
+Entries All(Dictionary *d) {
+  Entries out;
+  Dictionary_Iterate(
+      d,
+      [](const char *n, const char *v, void *ctx) {
+        static_cast<Entries *>(ctx)->emplace_back(n, v);
+        return true;
+      },
+      &out);
+  return out;
+}
+
+std::string English(MsgList *m) {
+  char *s = MsgList_ToEnglishString(m);
+  std::string out = s;
+  free(s);
+  return out;
+}
+
+struct LoadCase {
+  const char *what;
+  std::string text;
+  Entries want;
+};
+
+TEST(Dictionary, LoadsWellFormedTexts) {
+  const LoadCase cases[] = {
+      {"quoted, blanks around everything", " \ta\t=\t\"x y\" \n", {{"a", "x y"}}},
+      {"comments and blank lines", "# c\n\n  # indented\nk = \"v\" # trailing\n", {{"k", "v"}}},
+      {"escapes in both cases", "k = \"|22q|22 |7c|7C |0Aend\"\n", {{"k", "\"q\" || \nend"}}},
+      {"hash inside quotes is data", "k = \"a # b\"\n", {{"k", "a # b"}}},
+      {"equals in value", "k = \"a=b\"\n", {{"k", "a=b"}}},
+      {"unquoted value to comment",
+       "k =  plain text  # note\nj=\n",
+       {{"k", "plain text"}, {"j", ""}}},
+      {"CR LF line ends", "a = \"1\"\r\nb = \"2\"\r\n", {{"a", "1"}, {"b", "2"}}},
+      {"byte order mark",
+       "\xEF\xBB\xBF"
+       "a = \"1\"\n",
+       {{"a", "1"}}},
+      {"no final line feed", "a = \"1\"", {{"a", "1"}}},
+      {"empty text", "", {}},
+      {"duplicate keeps first place and case",
+       "Name = \"1\"\nother = \"2\"\nNAME = \"3\"\n",
+       {{"Name", "3"}, {"other", "2"}}},
+      {"UTF-8 passes through", "k = \"Grüße\"\n", {{"k", "Grüße"}}},
+      {"punctuated names", "scsi0:0.fileName = \"d.disk\"\n", {{"scsi0:0.fileName", "d.disk"}}},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.what);
+    Dictionary *d = Dictionary_Create();
+    MsgList *msgs = nullptr;
+    EXPECT_TRUE(Dictionary_LoadFromBufferEx(d, c.text.data(), c.text.size(), &msgs));
+    EXPECT_EQ(nullptr, msgs) << English(msgs);
+    EXPECT_EQ(c.want, All(d));
+    MsgList_Free(msgs);
+    Dictionary_Free(d);
+  }
+}
+
+struct BadCase {
+  const char *what;
+  std::string text;
+  unsigned line;
+};
+
+TEST(Dictionary, MalformedLineFailsWholeLoadNamingTheLine) {
+  const BadCase cases[] = {
+      {"no equals", "a = \"1\"\njust words\n", 2},
+      {"empty name", "a = \"1\"\n\n = \"x\"\n", 3},
+      {"unterminated quote", "a = \"1\nb = \"2\"\n", 1},
+      {"bad hex digit", "a = \"|2G\"\n", 1},
+      {"escape cut short", "a = \"x|2\"\n", 1},
+      {"escape of NUL", "a = \"|00\"\n", 1},
+      {"NUL byte", std::string("a = \"1\"\nb = \"x\0y\"\n", 16), 2},
+      {"text after quote", "a = \"1\" junk\n", 1},
+      {"quote in name", "a\"b = \"1\"\n", 1},
+      {"line over the limit",
+       "a = \"1\"\nb = \"" + std::string(DICTIONARY_MAX_LINE_LENGTH, 'x') + "\"\n", 2},
+      {"CR LF counted once", "a = \"1\"\r\nb = \"2\"\r\nbad\r\n", 3},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.what);
+    Dictionary *d = Dictionary_Create();
+    ASSERT_TRUE(Dict_SetString(d, "kept", "before"));
+    MsgList *msgs = nullptr;
+    EXPECT_FALSE(Dictionary_LoadFromBufferEx(d, c.text.data(), c.text.size(), &msgs));
+    ASSERT_EQ(1u, MsgList_Count(msgs));
+    EXPECT_NE(std::string::npos,
+              English(msgs).find("in buffer at line " + std::to_string(c.line) + ":"))
+        << English(msgs);
+    EXPECT_EQ((Entries{{"before", "kept"}}), All(d));  // all-or-nothing
+    MsgList_Free(msgs);
+    Dictionary_Free(d);
+  }
+}
+
+TEST(Dictionary, LoadWithoutListPostsToPendingMessages) {
+  MsgList_Free(Msg_GetMessagesAndReset());
+  Dictionary *d = Dictionary_Create();
+  EXPECT_FALSE(Dictionary_LoadFromBuffer(d, "oops\n", 5));
+  MsgList *pending = Msg_GetMessagesAndReset();
+  ASSERT_EQ(1u, MsgList_Count(pending));
+  EXPECT_STREQ("msg.dictionary.syntaxError", pending->id);
+  EXPECT_EQ("Error in buffer at line 1: missing \"=\"", English(pending));
+  MsgList_Free(pending);
+  Dictionary_Free(d);
+}
+
+TEST(Dictionary, LoadsRealConfigFiles) {
+  Dictionary *d = Dictionary_Create();
+  MsgList *msgs = nullptr;
+  ASSERT_TRUE(Dictionary_LoadEx(d, (DataDir() / "dictionary/vm.brx").c_str(), &msgs))
+      << English(msgs);
+  ASSERT_TRUE(Dictionary_LoadEx(d, (DataDir() / "dictionary/manifest.txt").c_str(), &msgs))
+      << English(msgs);
+  EXPECT_EQ(14 + 5, Dictionary_NumberOfEntries(d));
+  char *name = Dict_GetString(d, nullptr, "%s", "displayname");
+  EXPECT_STREQ("Build \"agent\" | rhel8", name);
+  free(name);
+  char *note = Dict_GetString(d, nullptr, "annotation");
+  EXPECT_STREQ("First line\nSecond line", note);
+  free(note);
+  EXPECT_FALSE(Dict_GetBool(d, true, "ethernet0.present"));  // the later duplicate wins
+  EXPECT_STREQ("12.3.5",
+               static_cast<const char *>(Dictionary_Get(d, "", DICT_STRING, "gh.version")));
+  EXPECT_FALSE(Dict_GetBool(d, true, "hgfs.installed"));
+  EXPECT_EQ(4096, *static_cast<const int32_t *>(Dictionary_Get(d, nullptr, DICT_INT, "memsize")));
+  MsgList_Free(msgs);
+  Dictionary_Free(d);
+}
+
+TEST(Dictionary, FileProblemsGiveFalseAndAMessage) {
+  TempDir tmp;
+  std::filesystem::path big = tmp / "big.cfg";
+  WriteFile(big, "");
+  std::filesystem::resize_file(big, DICTIONARY_MAX_FILE_SIZE + 1);  // sparse: cheap
+  std::string fifo = (tmp / "fifo").string();
+  ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+  const struct {
+    std::string path;
+    const char *want;
+  } cases[] = {
+      {(tmp / "missing.cfg").string(), "No such file or directory"},
+      {tmp.str(), "not a regular file"},
+      {fifo, "not a regular file"},  // must not block waiting for a writer
+      {big.string(), "larger than"},
+      {"/proc/self/mem", "Cannot read file"},  // read() fails even for root
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.path);
+    Dictionary *d = Dictionary_Create();
+    MsgList *msgs = nullptr;
+    EXPECT_FALSE(Dictionary_LoadEx(d, c.path.c_str(), &msgs));
+    std::string text = English(msgs);
+    EXPECT_NE(std::string::npos, text.find(c.path)) << text;
+    EXPECT_NE(std::string::npos, text.find(c.want)) << text;
+    EXPECT_EQ(0, Dictionary_NumberOfEntries(d));
+    MsgList_Free(msgs);
+    Dictionary_Free(d);
+  }
+}
+
+TEST(Dictionary, SyntaxErrorInFileNamesFileAndLine) {
+  TempDir tmp;
+  WriteFile(tmp / "m.txt", "a = \"1\"\nb = \"2\n");
+  Dictionary *d = Dictionary_Create();
+  MsgList *msgs = nullptr;
+  EXPECT_FALSE(Dictionary_LoadEx(d, (tmp / "m.txt").c_str(), &msgs));
+  EXPECT_EQ(
+      "Error in file \"" + (tmp / "m.txt").string() + "\" at line 2: unterminated quoted value",
+      English(msgs));
+  MsgList_Free(msgs);
+  Dictionary_Free(d);
+}
+
+TEST(Dictionary, TypedReads) {
+  Dictionary *d = Dictionary_Create();
+  const char *text =
+      "dec = \"42\"\nneg = \" -7 \"\nhex = \"0x1F\"\nbig = \"2147483648\"\n"
+      "junk = \"12abc\"\nbare0x = \"0x\"\nyes = \"Yes\"\nmaybe = \"maybe\"\n";
+  ASSERT_TRUE(Dictionary_LoadFromBuffer(d, text, strlen(text)));
+  const int32_t def = -1;
+  const struct {
+    const char *name;
+    bool converts;
+    int32_t value;
+  } ints[] = {{"dec", true, 42},  {"neg", true, -7},    {"hex", true, 31},    {"big", false, 0},
+              {"junk", false, 0}, {"bare0x", false, 0}, {"missing", false, 0}};
+  LogCapture log;
+  for (const auto &c : ints) {
+    SCOPED_TRACE(c.name);
+    const void *p = Dictionary_Get(d, &def, DICT_INT, c.name);
+    EXPECT_EQ(c.converts, p != &def);
+    EXPECT_EQ(c.converts ? c.value : def, *static_cast<const int32_t *>(p));
+  }
+  EXPECT_EQ(3u, log.lines().size());  // one per unconvertible value, none for the missing one
+  const int64_t def64 = 0;
+  EXPECT_EQ(2147483648LL,
+            *static_cast<const int64_t *>(Dictionary_Get(d, &def64, DICT_INT64, "big")));
+  const bool f = false;
+  EXPECT_TRUE(*static_cast<const bool *>(Dictionary_Get(d, &f, DICT_BOOL, "yes")));
+  EXPECT_EQ(&f, Dictionary_Get(d, &f, DICT_BOOL, "maybe"));
+  Dictionary_Free(d);
+}
+
+TEST(Dictionary, StringToBoolTable) {
+  const struct {
+    const char *text;
+    bool def;
+    bool want;
+  } cases[] = {{"TRUE", false, true}, {"true", false, true},  {" yes ", false, true},
+               {"On", false, true},   {"1", false, true},     {"FALSE", true, false},
+               {"no", true, false},   {"off", true, false},   {"0", true, false},
+               {"2", true, true},     {"2", false, false},    {"", true, true},
+               {nullptr, true, true}, {"truex", false, false}};
+  for (const auto &c : cases) {
+    EXPECT_EQ(c.want, Dictionary_StringToBool(c.text, c.def)) << (c.text ? c.text : "(null)");
+  }
+}
+
+TEST(Dictionary, SetAndGetFormattedNames) {
+  Dictionary *d = Dictionary_Create();
+  EXPECT_TRUE(Dict_SetString(d, "1.2.3", "%s.version", "gh"));
+  EXPECT_TRUE(Dict_SetBool(d, true, "%s.installed", "gh"));
+  EXPECT_TRUE(Dict_SetString(d, "1.2.4", "GH.VERSION"));
+  EXPECT_EQ((Entries{{"gh.version", "1.2.4"}, {"gh.installed", "TRUE"}}), All(d));
+  char *missing = Dict_GetString(d, "dflt", "%s", "nope");
+  EXPECT_STREQ("dflt", missing);
+  free(missing);
+  EXPECT_EQ(nullptr, Dict_GetString(d, nullptr, "nope"));
+  LogCapture log;
+  for (const char *bad : {"", "a=b", "a\"b", "#a", " a", "a\n"}) {
+    EXPECT_FALSE(Dict_SetString(d, "v", "%s", bad)) << bad;
+  }
+  EXPECT_FALSE(Dict_SetString(d, nullptr, "x"));
+  EXPECT_EQ(7u, log.lines().size());
+  EXPECT_EQ(2, Dictionary_NumberOfEntries(d));
+  Dictionary_Free(d);
+}
+
+TEST(Dictionary, IterateCountsOnlyEntriesThatContinue) {
+  Dictionary *d = Dictionary_Create();
+  ASSERT_TRUE(Dictionary_LoadFromBuffer(d, "a=1\nb=2\nc=3\n", 12));
+  int stopAt = 3;  // stop on the last entry: the count must still show the failure
+  EXPECT_EQ(
+      2,
+      Dictionary_Iterate(
+          d, [](const char *, const char *, void *ctx) { return --*static_cast<int *>(ctx) > 0; },
+          &stopAt));
+  EXPECT_EQ(3, Dictionary_NumberOfEntries(d));
+  Dictionary_Free(d);
+}
+
+TEST(Dictionary, WriteRoundTripsEveryByteAndReplacesAtomically) {
+  TempDir tmp;
+  std::filesystem::path path = tmp / "vm.brx";
+  WriteFile(path, "old = \"content\"\n");
+  ASSERT_EQ(0, chmod(path.c_str(), 0640));
+
+  Dictionary *d = Dictionary_Create();
+  std::string every;
+  for (int c = 1; c < 256; ++c) {
+    every.push_back(static_cast<char>(c));
+  }
+  ASSERT_TRUE(Dict_SetString(d, every.c_str(), "all.bytes"));
+  ASSERT_TRUE(Dict_SetString(d, "  padded  ", "Mixed.Case"));
+  ASSERT_TRUE(Dict_SetString(d, "", "empty"));
+  ASSERT_TRUE(Dictionary_Write(d, path.c_str()));
+
+  // Every written line has the plain shape, checked by a tool that is not ours.
+  auto grep = RunCommand(
+      {"env", "LC_ALL=C", "grep", "-a", "-c", "-v", "-E", "^[^=\"]+ = \"[^\"]*\"$", path.string()});
+  EXPECT_EQ("0\n", grep.output);
+  EXPECT_EQ(std::filesystem::perms(0640), std::filesystem::status(path).permissions());
+  size_t files = 0;
+  for ([[maybe_unused]] const auto &e : std::filesystem::directory_iterator(tmp.path())) {
+    ++files;
+  }
+  EXPECT_EQ(1u, files);  // no temporary left behind
+
+  Dictionary *back = Dictionary_Create();
+  MsgList *msgs = nullptr;
+  ASSERT_TRUE(Dictionary_LoadEx(back, path.c_str(), &msgs)) << English(msgs);
+  EXPECT_EQ(All(d), All(back));
+  Dictionary_Free(back);
+  Dictionary_Free(d);
+}
+
+// What a crash just before the rename would leave on disk.
+std::string gAtCommitTarget, gAtCommitTemp;
+
+TEST(Dictionary, TargetHoldsOldContentsUntilTheRename) {
+  TempDir tmp;
+  std::filesystem::path path = tmp / "vm.brx";
+  WriteFile(path, "old = \"1\"\n");
+  Dictionary *d = Dictionary_Create();
+  ASSERT_TRUE(Dict_SetString(d, "2", "new"));
+  FileIO_SetAtomicCommitHook([](const char *temp, const char *final) {
+    gAtCommitTemp = ReadFile(temp);
+    gAtCommitTarget = ReadFile(final);
+  });
+  bool ok = Dictionary_Write(d, path.c_str());
+  FileIO_SetAtomicCommitHook(nullptr);
+  EXPECT_TRUE(ok);
+  EXPECT_EQ("old = \"1\"\n", gAtCommitTarget);
+  EXPECT_EQ("new = \"2\"\n", gAtCommitTemp);
+  EXPECT_EQ("new = \"2\"\n", ReadFile(path));
+  Dictionary_Free(d);
+}
+
+TEST(Dictionary, WriteIntoMissingDirectoryFailsCleanly) {
+  TempDir tmp;
+  Dictionary *d = Dictionary_Create();
+  ASSERT_TRUE(Dict_SetString(d, "1", "a"));
+  LogCapture log;
+  EXPECT_FALSE(Dictionary_Write(d, (tmp / "no/such/dir/x.cfg").c_str()));
+  EXPECT_EQ(1u, log.lines().size());
+  Dictionary_Free(d);
+}
+
+}  // namespace
