@@ -1,0 +1,531 @@
+// The UDF reader against images mastered by genisoimage and mkudffs, and
+// against small hand-built images for what those tools do not write.
+#include "platform/udf/udf.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
+
+#include "platform/udf/udfFormat.h"
+#include "support/udfImageBuilder.h"
+#include "support/testSupport.h"
+
+namespace fs = std::filesystem;
+using namespace testing_support;
+using gp::udf::ImageBuilder;
+
+namespace {
+
+struct Node {
+  bool isDir;
+  uint64_t size;
+  std::string bytes;
+  bool operator==(const Node &) const = default;
+};
+using Tree = std::map<std::string, Node>;
+
+// Everything the reader shows below dir, read file by file.
+void WalkUdf(UDFVolume *vol, UDFDir *dir, const std::string &prefix, Tree *out) {
+  UDFDirEntryInfo info;
+  while (const char *name = UDF_ReadDir(dir, &info)) {
+    std::string n = name;
+    std::string path = prefix + n;
+    if (info.isDirectory) {
+      (*out)[path] = Node{true, 0, ""};
+      UDFDir *child = UDF_OpenDir(vol, dir, n.c_str());
+      ASSERT_NE(child, nullptr) << path;
+      WalkUdf(vol, child, path + "/", out);
+      EXPECT_TRUE(UDF_CloseDir(child));
+      continue;
+    }
+    UDFFile *file = UDF_OpenFile(vol, dir, n.c_str());
+    ASSERT_NE(file, nullptr) << path;
+    uint64_t size = UDF_GetFileSize(vol, file);
+    EXPECT_EQ(size, info.size) << path;
+    std::string bytes(size, '\0');
+    EXPECT_TRUE(UDF_PReadFile(file, bytes.data(), 0, bytes.size())) << path;
+    UDF_CloseFile(file);
+    (*out)[path] = Node{false, size, bytes};
+  }
+}
+
+Tree WalkDisk(const fs::path &root) {
+  Tree tree;
+  for (const auto &e : fs::recursive_directory_iterator(root)) {
+    std::string rel = fs::relative(e.path(), root).string();
+    if (e.is_directory()) {
+      tree[rel] = Node{true, 0, ""};
+    } else {
+      tree[rel] = Node{false, e.file_size(), ReadFile(e.path())};
+    }
+  }
+  return tree;
+}
+
+// A tree with the shapes detection meets: mixed case, long and non-ASCII
+// names, nesting, an empty file, a directory of many entries.
+void MakeTree(const fs::path &root) {
+  fs::create_directories(root / "Sub" / "Deeper");
+  fs::create_directories(root / "Many");
+  fs::create_directories(root / "EmptyDir");
+  WriteFile(root / "Readme.TXT", "hello\n");
+  WriteFile(root / "isolinux.cfg", "default linux\n");
+  WriteFile(root / "A rather long file name, with spaces and (punctuation).text", "long\n");
+  WriteFile(root / "ünïcødé 日本 Ωμέγα.txt", "u\n");
+  WriteFile(root / "empty", "");
+  std::string big;
+  for (int i = 0; i < 70000; ++i) {
+    big += static_cast<char>((i * 7919) >> 3);
+  }
+  WriteFile(root / "Sub" / "Deeper" / "big.bin", big);
+  for (int i = 0; i < 300; ++i) {
+    WriteFile(root / "Many" / ("entry-" + std::to_string(i) + ".dat"), std::to_string(i * i));
+  }
+}
+
+class UdfGenisoimage : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!HaveTool("genisoimage")) {
+      GTEST_SKIP() << "genisoimage not installed";
+    }
+    MakeTree(tmp_ / "tree");
+    image_ = (tmp_ / "bridge.iso").string();
+    CommandResult r =
+        RunCommand({"genisoimage", "-quiet", "-udf", "-R", "-J", "-joliet-long", "-input-charset",
+                    "utf-8", "-o", image_, (tmp_ / "tree").string()});
+    ASSERT_EQ(r.exitCode, 0) << r.output;
+    vol_ = UDF_Open(image_.c_str(), nullptr);
+    ASSERT_NE(vol_, nullptr);
+  }
+  void TearDown() override {
+    if (vol_ != nullptr) {
+      UDF_Close(vol_);
+    }
+  }
+  TempDir tmp_;
+  std::string image_;
+  UDFVolume *vol_ = nullptr;
+};
+
+TEST_F(UdfGenisoimage, TreeMatchesTheDisk) {
+  UDFDir *root = UDF_OpenDir(vol_, nullptr, "");
+  ASSERT_NE(root, nullptr);
+  Tree seen;
+  WalkUdf(vol_, root, "", &seen);
+  EXPECT_TRUE(UDF_CloseDir(root));
+  Tree disk = WalkDisk(tmp_ / "tree");
+  ASSERT_EQ(seen.size(), disk.size());
+  for (const auto &[path, node] : disk) {
+    auto it = seen.find(path);
+    ASSERT_NE(it, seen.end()) << path;
+    EXPECT_EQ(it->second.isDir, node.isDir) << path;
+    EXPECT_EQ(it->second.size, node.size) << path;
+    EXPECT_TRUE(it->second.bytes == node.bytes) << path;
+  }
+}
+
+// The bridge's Rock Ridge side, as isoinfo lists it, records the same names
+// and sizes in every directory.
+TEST_F(UdfGenisoimage, AgreesWithIsoinfoListing) {
+  if (!HaveTool("isoinfo")) {
+    GTEST_SKIP() << "isoinfo not installed";
+  }
+  CommandResult r = RunCommand({"isoinfo", "-R", "-l", "-i", image_});
+  ASSERT_EQ(r.exitCode, 0) << r.output;
+  std::istringstream in(r.output);
+  std::string line, dir;
+  size_t checked = 0;
+  while (std::getline(in, line)) {
+    if (line.rfind("Directory listing of ", 0) == 0) {
+      dir = line.substr(21);
+      continue;
+    }
+    size_t bracket = line.find("]  ");
+    if (line.empty() || line[0] == 'd' || bracket == std::string::npos) {
+      continue;
+    }
+    std::string name = line.substr(bracket + 3);
+    name.erase(name.find_last_not_of(' ') + 1);
+    // Fields: mode links uid gid size ...
+    std::istringstream fields(line);
+    std::string mode, links, uid, gid;
+    uint64_t size = 0;
+    fields >> mode >> links >> uid >> gid >> size;
+    UDFDir *d = UDF_OpenDir(vol_, nullptr, dir.c_str());
+    ASSERT_NE(d, nullptr) << dir;
+    UDFFile *f = UDF_OpenFile(vol_, d, name.c_str());
+    ASSERT_NE(f, nullptr) << dir << name;
+    EXPECT_EQ(UDF_GetFileSize(vol_, f), size) << dir << name;
+    UDF_CloseFile(f);
+    UDF_CloseDir(d);
+    ++checked;
+  }
+  EXPECT_GT(checked, 300u);
+}
+
+TEST_F(UdfGenisoimage, PathsAndLookups) {
+  struct Case {
+    const char *dir;
+    const char *file;
+    bool found;
+  } cases[] = {
+      {"", "Readme.TXT", true},
+      {"/", "isolinux.cfg", true},
+      {"Sub/Deeper", "big.bin", true},
+      {"/Sub/Deeper/", "big.bin", true},
+      {"Sub//Deeper", "big.bin", true},
+      {"", "Sub/Deeper/big.bin", true},
+      {"", "readme.txt", false},  // names match exactly
+      {"", "Sub", false},         // a directory is not a file
+      {"SUB", nullptr, false},
+      {"Readme.TXT", nullptr, false},  // a file is not a directory
+      {"Sub/../Sub", nullptr, false},
+  };
+  for (const Case &c : cases) {
+    UDFDir *d = UDF_OpenDir(vol_, nullptr, c.dir);
+    if (c.file == nullptr) {
+      EXPECT_EQ(d, nullptr) << c.dir;
+      continue;
+    }
+    ASSERT_NE(d, nullptr) << c.dir;
+    UDFFile *f = UDF_OpenFile(vol_, d, c.file);
+    EXPECT_EQ(f != nullptr, c.found) << c.dir << " " << c.file;
+    UDF_CloseFile(f);
+    UDF_CloseDir(d);
+  }
+}
+
+TEST_F(UdfGenisoimage, ReadDirRewindsAndKeepsOrder) {
+  UDFDir *d = UDF_OpenDir(vol_, nullptr, "Many");
+  ASSERT_NE(d, nullptr);
+  std::vector<std::string> first, second;
+  while (const char *n = UDF_ReadDir(d, nullptr)) {
+    first.push_back(n);
+  }
+  UDF_RewindDir(d);
+  while (const char *n = UDF_ReadDir(d, nullptr)) {
+    second.push_back(n);
+  }
+  EXPECT_EQ(first.size(), 300u);
+  EXPECT_EQ(first, second);
+  EXPECT_EQ(UDF_ReadDir(d, nullptr), nullptr);  // stays at the end
+  EXPECT_TRUE(UDF_CloseDir(d));
+}
+
+TEST_F(UdfGenisoimage, PositionedReads) {
+  UDFFile *f = UDF_OpenFile(vol_, nullptr, "Sub/Deeper/big.bin");
+  ASSERT_NE(f, nullptr);
+  std::string whole = ReadFile(tmp_ / "tree" / "Sub" / "Deeper" / "big.bin");
+  char buf[5000];
+  struct Case {
+    uint64_t offset;
+    size_t length;
+    bool ok;
+  } cases[] = {
+      {0, 1, true},     {2047, 2, true},   {4000, 5000, true}, {69999, 1, true},
+      {70000, 0, true}, {69999, 2, false}, {70001, 0, false},  {UINT64_MAX, 1, false},
+  };
+  for (const Case &c : cases) {
+    EXPECT_EQ(UDF_PReadFile(f, buf, c.offset, c.length), c.ok) << c.offset << "+" << c.length;
+    if (c.ok) {
+      EXPECT_EQ(std::string(buf, c.length), whole.substr(c.offset, c.length)) << c.offset;
+    }
+  }
+  UDF_CloseFile(f);
+}
+
+TEST(Udf, PlainIso9660IsNotUdf) {
+  if (!HaveTool("xorriso")) {
+    GTEST_SKIP() << "xorriso not installed";
+  }
+  TempDir tmp;
+  MakeTree(tmp / "tree");
+  std::string image = (tmp / "plain.iso").string();
+  CommandResult r = RunCommand(
+      {"xorriso", "-as", "mkisofs", "-quiet", "-R", "-J", "-o", image, (tmp / "tree").string()});
+  ASSERT_EQ(r.exitCode, 0) << r.output;
+  LogCapture log;
+  EXPECT_EQ(UDF_Open(image.c_str(), nullptr), nullptr);
+  EXPECT_TRUE(log.contains("UDF: no UDF volume recognition sequence")) << log.all();
+  EXPECT_EQ(log.lines().size(), 1u);
+}
+
+TEST(Udf, MissingImageLogsOnce) {
+  LogCapture log;
+  EXPECT_EQ(UDF_Open("/nonexistent/image.iso", nullptr), nullptr);
+  EXPECT_EQ(log.lines().size(), 1u);
+  EXPECT_TRUE(log.contains("UDF: ")) << log.all();
+}
+
+// Empty file systems from mkudffs: every block size and allocation form it
+// writes; the root lists nothing.
+TEST(Udf, MkudffsEmptyFileSystems) {
+  if (!HaveTool("mkudffs")) {
+    GTEST_SKIP() << "mkudffs (udftools) not installed";
+  }
+  struct Case {
+    const char *media;
+    const char *rev;
+    const char *blockSize;
+    const char *ad;
+    bool opens;  // write-once media get a virtual partition, which is refused
+  } cases[] = {
+      {"hd", "1.02", "2048", "short", true},   {"hd", "2.01", "2048", "inicb", true},
+      {"hd", "2.01", "512", "long", true},     {"hd", "2.01", "1024", "short", true},
+      {"hd", "2.01", "4096", "inicb", true},   {"hd", "2.01", "4096", "long", true},
+      {"bdr", "2.50", "2048", "inicb", false},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(std::string(c.media) + " " + c.rev + " " + c.blockSize + " " + c.ad);
+    TempDir tmp;
+    fs::path image = tmp / "empty.udf";
+    WriteFile(image, "");
+    fs::resize_file(image, 8 << 20);
+    CommandResult r =
+        RunCommand({"mkudffs", "--media-type=" + std::string(c.media),
+                    "--udfrev=" + std::string(c.rev), "--blocksize=" + std::string(c.blockSize),
+                    "--ad=" + std::string(c.ad), "--label=Empty", image.string()});
+    ASSERT_EQ(r.exitCode, 0) << r.output;
+    LogCapture log;
+    UDFVolume *vol = UDF_Open(image.c_str(), nullptr);
+    if (!c.opens) {
+      EXPECT_EQ(vol, nullptr);
+      EXPECT_TRUE(log.contains("UDF: unsupported partition map")) << log.all();
+      continue;
+    }
+    ASSERT_NE(vol, nullptr) << log.all();
+    UDFDir *root = UDF_OpenDir(vol, nullptr, "/");
+    ASSERT_NE(root, nullptr);
+    EXPECT_EQ(UDF_ReadDir(root, nullptr), nullptr);
+    EXPECT_EQ(UDF_OpenFile(vol, root, "anything"), nullptr);
+    EXPECT_TRUE(UDF_CloseDir(root));
+    UDF_Close(vol);
+  }
+}
+
+// The tag CRC is the one ECMA-167 gives as its worked example (and the
+// common CRC-16/XMODEM check value); the hand-built images rely on it.
+TEST(UdfFormat, TagCrcMatchesPublishedValues) {
+  const uint8_t example[] = {0x70, 0x6A, 0x77};
+  EXPECT_EQ(gp::udf::Crc16(example, sizeof example), 0x3299);
+  const char *check = "123456789";
+  EXPECT_EQ(gp::udf::Crc16(reinterpret_cast<const uint8_t *>(check), 9), 0x31C3);
+}
+
+TEST(UdfFormat, Cs0Names) {
+  struct Case {
+    std::vector<uint8_t> raw;
+    bool ok;
+    std::string utf8;
+  } cases[] = {
+      {{8, 'a', 'B'}, true, "aB"},
+      {{8, 0xE9, 0xFF}, true, "\u00e9\u00ff"},
+      {{16, 0x00, 'A', 0x65, 0xE5}, true, "A\u65e5"},
+      {{16, 0xD8, 0x3D, 0xDE, 0x00}, true, "\U0001F600"},  // a surrogate pair
+      {{16, 0xD8, 0x3D}, true, "\uFFFD"},                  // a stray surrogate
+      {{16, 0x00}, false, ""},                             // odd UCS-2 length
+      {{9, 'a'}, false, ""},                               // unknown compression
+      {{}, true, ""},
+  };
+  for (const Case &c : cases) {
+    std::string out;
+    EXPECT_EQ(gp::udf::DecodeCs0(c.raw.data(), c.raw.size(), &out), c.ok);
+    if (c.ok) {
+      EXPECT_EQ(out, c.utf8);
+    }
+  }
+}
+
+constexpr uint32_t kRootLb = 1, kDataLb = 2, kNameLb = 3, kSubLb = 4, kAedLb = 5, kAed2Lb = 6;
+
+std::string Pattern(size_t n, int seed) {
+  std::string s(n, '\0');
+  for (size_t i = 0; i < n; ++i) {
+    s[i] = static_cast<char>((i * 131 + seed) ^ (i >> 9));
+  }
+  return s;
+}
+
+// A root with a parent entry, a deleted entry, data.bin (in three extents,
+// or embedded), a UCS-2 name and an empty subdirectory.
+struct CraftCase {
+  const char *label;
+  ImageBuilder::AdType kind;
+  bool extended;
+  bool metadata;
+  int continuations;  // allocation extent descriptors in data.bin's chain
+};
+
+std::string BuildCrafted(ImageBuilder *b, const CraftCase &c) {
+  const uint16_t fsPart = b->FsPart();
+  std::vector<uint8_t> dir;
+  ImageBuilder::AddFid(&dir, u"", kRootLb, fsPart, 0x0A);  // parent
+  ImageBuilder::AddFid(&dir, u"gone", kDataLb, fsPart, 0x04);
+  ImageBuilder::AddFid(&dir, u"data.bin", kDataLb, fsPart, 0);
+  ImageBuilder::AddFid(&dir, u"\u00dcn\u00efcode \u03a9.txt", kNameLb, fsPart, 0);
+  ImageBuilder::AddFid(&dir, u"sub", kSubLb, fsPart, 0x02);
+  b->Entry(b->Fs(kRootLb), kRootLb, 4, dir.size(), ImageBuilder::kEmbedded, dir, c.extended);
+  std::vector<uint8_t> sub;
+  ImageBuilder::AddFid(&sub, u"", kRootLb, fsPart, 0x0A);
+  b->Entry(b->Fs(kSubLb), kSubLb, 4, sub.size(), ImageBuilder::kEmbedded, sub, c.extended);
+  std::string name = "name";
+  b->Entry(b->Fs(kNameLb), kNameLb, 5, name.size(), ImageBuilder::kEmbedded,
+           std::vector<uint8_t>(name.begin(), name.end()), c.extended);
+
+  if (c.kind == ImageBuilder::kEmbedded) {
+    std::string data = Pattern(1500, 1);
+    b->Entry(b->Fs(kDataLb), kDataLb, 5, data.size(), c.kind,
+             std::vector<uint8_t>(data.begin(), data.end()), c.extended);
+    return data;
+  }
+  // Short descriptors stay in the entry's own partition (the metadata
+  // partition when there is one); long and extended ones point at the
+  // physical partition.
+  const bool inMeta = c.kind == ImageBuilder::kShort && c.metadata;
+  const uint16_t dataPart = c.kind == ImageBuilder::kShort ? fsPart : 0;
+  const uint32_t lbs[3] = {inMeta ? 20u : 2000u, inMeta ? 23u : 2100u, inMeta ? 26u : 2200u};
+  const uint32_t lens[3] = {4096, 4096, 1808};
+  std::string data = Pattern(10000, 2);
+  std::vector<uint8_t> ads[3];
+  size_t off = 0;
+  for (int i = 0; i < 3; ++i) {
+    b->PutData(inMeta ? ImageBuilder::kMetaStart + lbs[i] : lbs[i], 0, data.substr(off, lens[i]));
+    off += lens[i];
+  }
+  // The chain: descriptors 0..2 spread over the entry and its extents.
+  const uint32_t aedLbs[2] = {kAedLb, kAed2Lb};
+  int groups = c.continuations + 1;
+  std::vector<uint8_t> group[3];
+  for (int i = 0; i < 3; ++i) {
+    ImageBuilder::AddAd(&group[std::min(i, groups - 1)], c.kind, lens[i], lbs[i], dataPart);
+  }
+  for (int g = 0; g + 1 < groups; ++g) {
+    ImageBuilder::AddAd(&group[g], c.kind, 2048, aedLbs[g], fsPart, 3);
+  }
+  for (int g = 1; g < groups; ++g) {
+    ImageBuilder::AllocExtent(b->Fs(aedLbs[g - 1]), aedLbs[g - 1], group[g]);
+  }
+  b->Entry(b->Fs(kDataLb), kDataLb, 5, data.size(), c.kind, group[0], c.extended);
+  return data;
+}
+
+class UdfCrafted : public ::testing::TestWithParam<CraftCase> {};
+
+TEST_P(UdfCrafted, ListsAndReads) {
+  const CraftCase &c = GetParam();
+  ImageBuilder b(4096, c.metadata);
+  b.Finish();
+  std::string data = BuildCrafted(&b, c);
+  LogCapture log;
+  UDFVolume *vol = UDF_OpenReader(b.Reader());
+  ASSERT_NE(vol, nullptr) << log.all();
+  UDFDir *root = UDF_OpenDir(vol, nullptr, "/");
+  ASSERT_NE(root, nullptr) << log.all();
+  std::vector<std::string> names;
+  UDFDirEntryInfo info;
+  while (const char *n = UDF_ReadDir(root, &info)) {
+    names.push_back(n);
+    if (names.back() == "data.bin") {
+      EXPECT_EQ(info.size, data.size());
+      EXPECT_FALSE(info.isDirectory);
+    }
+    if (names.back() == "sub") {
+      EXPECT_TRUE(info.isDirectory);
+    }
+  }
+  EXPECT_EQ(names, (std::vector<std::string>{"data.bin", "Ünïcode Ω.txt", "sub"}));
+  UDFFile *f = UDF_OpenFile(vol, root, "data.bin");
+  ASSERT_NE(f, nullptr) << log.all();
+  ASSERT_EQ(UDF_GetFileSize(vol, f), data.size());
+  std::string got(data.size(), '\0');
+  EXPECT_TRUE(UDF_PReadFile(f, got.data(), 0, got.size()));
+  EXPECT_TRUE(got == data);
+  // The middle third: across the extent boundaries.
+  const size_t third = data.size() / 3;
+  std::string mid(third, '\0');
+  EXPECT_TRUE(UDF_PReadFile(f, mid.data(), third, third));
+  EXPECT_TRUE(mid == data.substr(third, third));
+  UDF_CloseFile(f);
+  UDFDir *sub = UDF_OpenDir(vol, root, "sub");
+  ASSERT_NE(sub, nullptr);
+  EXPECT_EQ(UDF_ReadDir(sub, nullptr), nullptr);
+  UDF_CloseDir(sub);
+  UDF_CloseDir(root);
+  UDF_Close(vol);
+  EXPECT_TRUE(log.lines().empty()) << log.all();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Forms, UdfCrafted,
+    ::testing::Values(CraftCase{"short", ImageBuilder::kShort, false, false, 0},
+                      CraftCase{"long", ImageBuilder::kLong, false, false, 0},
+                      CraftCase{"extended", ImageBuilder::kExtended, true, false, 0},
+                      CraftCase{"embedded", ImageBuilder::kEmbedded, false, false, 0},
+                      CraftCase{"embeddedEfe", ImageBuilder::kEmbedded, true, false, 0},
+                      CraftCase{"longChain", ImageBuilder::kLong, false, false, 2},
+                      CraftCase{"shortChain", ImageBuilder::kShort, true, false, 1},
+                      CraftCase{"metaShort", ImageBuilder::kShort, true, true, 0},
+                      CraftCase{"metaLong", ImageBuilder::kLong, true, true, 1},
+                      CraftCase{"metaEmbedded", ImageBuilder::kEmbedded, true, true, 0}),
+    [](const auto &info) { return std::string(info.param.label); });
+
+// A 4 GiB+ file in five extents of 1 GiB less a block (the most one
+// descriptor may hold), the third allocated but not recorded.
+TEST(UdfCraftedBig, FileOverFourGiB) {
+  constexpr uint32_t kExt = (1u << 30) - ImageBuilder::kBs;
+  constexpr uint64_t kSize = 4ull * kExt + 5000;
+  ImageBuilder b(5ull * (kExt / ImageBuilder::kBs) + 200, false);
+  b.Finish();
+  std::vector<uint8_t> root, ads;
+  ImageBuilder::AddFid(&root, u"", kRootLb, 0, 0x0A);
+  ImageBuilder::AddFid(&root, u"huge.img", kDataLb, 0, 0);
+  b.Entry(b.Fs(kRootLb), kRootLb, 4, root.size(), ImageBuilder::kEmbedded, root);
+  for (uint32_t i = 0; i < 5; ++i) {
+    uint32_t lb = 100 + i * (kExt / ImageBuilder::kBs);
+    ImageBuilder::AddAd(&ads, ImageBuilder::kLong, i == 4 ? 5000 : kExt, lb, 0, i == 2 ? 1 : 0);
+    b.PutData(lb, 0, "START-" + std::to_string(i));
+    if (i < 4) {
+      b.PutData(lb, kExt - 4, "END" + std::to_string(i));
+    }
+  }
+  b.Entry(b.Fs(kDataLb), kDataLb, 5, kSize, ImageBuilder::kLong, ads, true);
+
+  UDFVolume *vol = UDF_OpenReader(b.Reader());
+  ASSERT_NE(vol, nullptr);
+  UDFDir *dir = UDF_OpenDir(vol, nullptr, "");
+  UDFDirEntryInfo info;
+  ASSERT_STREQ(UDF_ReadDir(dir, &info), "huge.img");
+  EXPECT_EQ(info.size, kSize);
+  UDFFile *f = UDF_OpenFile(vol, dir, "huge.img");
+  ASSERT_NE(f, nullptr);
+  EXPECT_EQ(UDF_GetFileSize(vol, f), kSize);
+  struct Case {
+    uint64_t offset;
+    std::string bytes;
+  } cases[] = {
+      {0, "START-0"},
+      {kExt - 4, std::string("END0START-1", 11)},
+      {2ull * kExt - 4, std::string("END1\0\0\0\0", 8)},  // extent 2 reads as zeros
+      {3ull * kExt - 4, std::string("\0\0\0\0START-3", 11)},
+      {4ull * kExt - 4, "END3START-4"},  // past 4 GiB
+      {kSize - 2, std::string("\0\0", 2)},
+  };
+  for (const Case &c : cases) {
+    std::string got(c.bytes.size(), 'x');
+    ASSERT_TRUE(UDF_PReadFile(f, got.data(), c.offset, got.size())) << c.offset;
+    EXPECT_EQ(got, c.bytes) << c.offset;
+  }
+  char one;
+  LogCapture log;
+  EXPECT_FALSE(UDF_PReadFile(f, &one, kSize, 1));
+  EXPECT_EQ(log.lines().size(), 1u);
+  UDF_CloseFile(f);
+  UDF_CloseDir(dir);
+  UDF_Close(vol);
+}
+
+}  // namespace
