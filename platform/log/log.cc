@@ -11,7 +11,9 @@
 namespace {
 
 std::atomic<int> gLogFd{STDERR_FILENO};
-std::atomic<int> gMaxLevel{1 << 30};
+// Verbose lines (expected probe failures, per-entry details) are off unless
+// the host asks for them.
+std::atomic<int> gMaxLevel{LOG_LEVEL_INFO};
 
 void FdSink(void *, int, const char *text, size_t len) {
   std::string line(text, len);
@@ -137,4 +139,4 @@ bool Log_SetFile(const char *path) {
   return true;
 }
 
-void Log_SetMaxLevel(int level) { gMaxLevel.store(level, std::memory_order_relaxed); }
+int Log_SetMaxLevel(int level) { return gMaxLevel.exchange(level, std::memory_order_relaxed); }

@@ -41,8 +41,9 @@ void Log_SetSink(LogSinkFn fn, void *ctx, LogSinkFn *prevFn = nullptr, void **pr
  * False, with the sink unchanged, when the file cannot be opened. */
 bool Log_SetFile(const char *path);
 
-/* Events above this level are dropped before reaching the sink (default: all). */
-void Log_SetMaxLevel(int level);
+/* Events above this level are dropped before reaching the sink (default:
+ * LOG_LEVEL_INFO, so verbose lines are off). Returns the previous level. */
+int Log_SetMaxLevel(int level);
 
 #define NOT_REACHED() Panic("NOT_REACHED %s:%d \n", __FILE__, __LINE__)
 

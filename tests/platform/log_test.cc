@@ -8,6 +8,7 @@ using testing_support::LogCapture;
 
 TEST(Log, EachCallIsOneEventWithItsExactText) {
   LogCapture capture;
+  int previous = Log_SetMaxLevel(LOG_LEVEL_VERBOSE);
   Log("%s: FAT_OpenVolume failed floppyImageFilePath=\"%s\"\n", "Fn", "/x/a.flp");
   Warning("no line feed");
   Log_Level(6, "guest id %d\n", 42);
@@ -15,6 +16,15 @@ TEST(Log, EachCallIsOneEventWithItsExactText) {
   EXPECT_EQ("Fn: FAT_OpenVolume failed floppyImageFilePath=\"/x/a.flp\"\n", capture.lines()[0]);
   EXPECT_EQ("no line feed", capture.lines()[1]);
   EXPECT_EQ("guest id 42\n", capture.lines()[2]);
+  Log_SetMaxLevel(previous);
+}
+
+TEST(Log, VerboseLinesAreOffByDefault) {
+  LogCapture capture;
+  Log_Level(LOG_LEVEL_VERBOSE, "probe detail\n");
+  Log("kept\n");
+  ASSERT_EQ(1u, capture.lines().size());
+  EXPECT_EQ("kept\n", capture.lines()[0]);
 }
 
 TEST(Log, LongLinesAreNotTruncated) {
