@@ -18,6 +18,8 @@ struct Command {
   int (*run)();                     // runs it after parsing; returns an ExitCode
 };
 
+extern const Command kDetectCommand;
+
 }  // namespace cli
 
 #endif

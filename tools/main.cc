@@ -15,7 +15,7 @@ namespace {
 
 // Subcommands, in the order --help lists them.
 const cli::Command kCommands[] = {
-    {nullptr, nullptr},  // keeps the array non-empty while commands are being added
+    cli::kDetectCommand,
 };
 
 std::string BuildId() {
@@ -27,9 +27,10 @@ std::string BuildId() {
 }  // namespace
 
 int main(int argc, char **argv) {
-  CLI::App app{"guestprep: detect guest OS install images, write unattended-install answer "
-               "files, build install floppies and manage guest tools images.",
-               "guestprep"};
+  CLI::App app{
+      "guestprep: detect guest OS install images, write unattended-install answer "
+      "files, build install floppies and manage guest tools images.",
+      "guestprep"};
   app.set_version_flag("--version", "guestprep " + BuildId());
   std::string logPath;
   app.add_option("--log", logPath, "Append the library's log lines to FILE instead of stderr")
@@ -38,9 +39,7 @@ int main(int argc, char **argv) {
 
   std::vector<std::pair<CLI::App *, int (*)()>> commands;
   for (const cli::Command &command : kCommands) {
-    if (command.add != nullptr) {
-      commands.emplace_back(command.add(app), command.run);
-    }
+    commands.emplace_back(command.add(app), command.run);
   }
 
   try {

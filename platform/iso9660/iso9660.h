@@ -12,6 +12,9 @@
  * trailing dot removed. Paths use "/" and may start with "/"; "" and "/"
  * are the root. Path components are matched exactly (case-sensitively).
  *
+ * Entries whose name is unusable ("", ".", "..", a "/" or a NUL in it) are
+ * refused as ISO9660_ERR_CORRUPT, never handed out.
+ *
  * A volume and its directory and file handles are used by one thread at a
  * time. Every handle must be closed before its volume.
  */
@@ -76,15 +79,16 @@ static_assert(sizeof(Iso9660DirEntry) == 4128, "entry layout is part of the host
 /* Stores in *formats the ISO9660_FORMAT_* sets the image carries. */
 Iso9660Result Iso9660_ListFormats(const char *path, uint32_t *formats);
 
+/* format: the ISO9660_FORMAT_* sets the caller accepts (other bits are
+ * ignored; 0 means the primary names). */
 Iso9660Result Iso9660_Open(const char *path, uint32_t format, Iso9660Volume **volume);
 
 /* Reads the image only through readFn (exactly len bytes at offset, true on
  * success). On success the volume owns handle and calls closeFn once when
  * it is closed; on failure closeFn is not called and the caller keeps the
  * handle. size is the image size in bytes, or 0 when unknown. */
-Iso9660Result Iso9660_OpenWithReader(gp::ImageReadFn readFn, gp::ImageCloseFn closeFn,
-                                     void *handle, uint64_t size, uint32_t format,
-                                     Iso9660Volume **volume);
+Iso9660Result Iso9660_OpenWithReader(gp::ImageReadFn readFn, gp::ImageCloseFn closeFn, void *handle,
+                                     uint64_t size, uint32_t format, Iso9660Volume **volume);
 
 /* The same over any reader (tests, benchmarks, fuzzers). */
 Iso9660Result Iso9660_OpenReader(std::unique_ptr<gp::ImageReader> reader, uint32_t format,
@@ -97,7 +101,9 @@ Iso9660Result Iso9660_Close(Iso9660Volume *volume);
 Iso9660Result Iso9660_GetVolumeId(Iso9660Volume *volume, char **volumeId);
 
 Iso9660Result Iso9660_OpenDir(Iso9660Volume *volume, const char *path, Iso9660Dir **dir);
-/* Stores the next entry ("." and ".." are skipped); ISO9660_EOF at the end. */
+/* Stores the next entry ("." and ".." are skipped); ISO9660_EOF at the end.
+ * A failed call has moved past the bad entry (or, when a record's length is
+ * broken, to the next sector), so a caller may go on listing. */
 Iso9660Result Iso9660_ReadDir(Iso9660Volume *volume, Iso9660Dir *dir, Iso9660DirEntry *entry);
 Iso9660Result Iso9660_RewindDir(Iso9660Volume *volume, Iso9660Dir *dir);
 Iso9660Result Iso9660_CloseDir(Iso9660Volume *volume, Iso9660Dir *dir);
@@ -115,20 +121,35 @@ Iso9660Result Iso9660_PReadFile(Iso9660Volume *volume, Iso9660File *file, void *
                                 uint64_t offset, size_t length);
 Iso9660Result Iso9660_CloseFile(Iso9660Volume *volume, Iso9660File *file);
 
-/* Looks a path up; fills *entry (the root gives a directory entry named ""). */
+/* Looks a path up; fills *entry (the root gives a directory entry named "").
+ * Directories are found by walking their extents from the root; a
+ * directory met again below itself is ISO9660_ERR_CORRUPT. */
 Iso9660Result Iso9660_Stat(Iso9660Volume *volume, const char *path, Iso9660DirEntry *entry);
 
 /* Copies the file at path in the image into the host directory hostDir under
- * its own name, or, when path is a directory, its whole tree below hostDir.
- * hostDir must exist. Nothing is ever written outside hostDir: hostile names
- * ("..", names with "/" or NUL, duplicates) and symlink entries are refused,
- * existing host files are not followed through links. */
+ * its own name, or, when path is a directory, its contents directly into
+ * hostDir (subdirectories below it). hostDir must exist. Nothing is ever
+ * written outside hostDir: hostile names ("..", names with "/" or NUL,
+ * duplicates), symlink and special entries, and a host entry that is not a
+ * regular file where an image file goes fail the whole call with
+ * ISO9660_ERR_UNSAFE; host links are never followed. On failure nothing the
+ * call wrote is left in place, except after a host failure during the final
+ * renames. */
 Iso9660Result Iso9660_Extract(Iso9660Volume *volume, const char *path, const char *hostDir);
 
 /* Copies one file of the image to the host file hostPath (replaced
  * atomically: a temporary file beside it, then a rename). */
-Iso9660Result Iso9660_ExtractFileEx(Iso9660Volume *volume, const char *path,
-                                    const char *hostPath);
+Iso9660Result Iso9660_ExtractFileEx(Iso9660Volume *volume, const char *path, const char *hostPath);
+
+/* Bounds of one extraction. Iso9660_Extract uses depth 64, 100,000
+ * entries and 4 GiB; tests and fuzzers pass smaller ones. */
+struct Iso9660ExtractLimits {
+  uint32_t maxDepth;    // directory levels below the extracted directory
+  uint64_t maxEntries;  // directory entries read, files and directories alike
+  uint64_t maxBytes;    // file data written
+};
+Iso9660Result Iso9660_ExtractWithLimits(Iso9660Volume *volume, const char *path,
+                                        const char *hostDir, const Iso9660ExtractLimits *limits);
 
 const char *Iso9660_ResultString(Iso9660Result result);
 

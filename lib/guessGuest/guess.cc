@@ -1,0 +1,225 @@
+// Detection driver: opens the image, runs the detectors in their fixed
+// order, and the small operations that interpret a GuessInfo.
+#include <cstdio>
+#include <cstring>
+
+#include "guestprep/guess.h"
+#include "lib/guessGuest/guessInternal.h"
+#include "platform/iso9660/iso9660.h"
+#include "platform/msg/msg.h"
+#include "platform/udf/udf.h"
+#include "platform/util/safeAlloc.h"
+#include "platform/util/str.h"
+
+namespace {
+
+// The order is part of the contract: the first detector that claims the
+// medium wins. Windows media come first because their markers are the most
+// specific; Linux families follow, the small families last.
+const GuessDetectorFn guessDetectors[] = {
+    Guess_RedHat,
+    nullptr,
+};
+
+// A null-aware comparison: the same pointer or both null are equal.
+bool KeyEqual(const char *a, const char *b) {
+  if (a == b) {
+    return true;
+  }
+  if (a == nullptr || b == nullptr) {
+    return false;
+  }
+  return strcmp(a, b) == 0;
+}
+
+// Appends the message's localised text to name, when it has any.
+char *WithSuffix(const char *name, const char *message) {
+  char *suffix = Msg_GetString(message);
+  char *result = nullptr;
+  if (suffix != nullptr && suffix[0] != '\0') {
+    result = Str_SafeAsprintf(nullptr, "%s %s", name, suffix);
+  } else {
+    result = UtilSafeStrdup0(name);
+  }
+  free(suffix);
+  return result;
+}
+
+}  // namespace
+
+extern "C" {
+
+// Each name is its enumerator's own spelling.
+#define GUESS_NAME(v) #v
+const char *const SUB_NAMES[61] = {
+    GUESS_NAME(GUESS_VERSION_UNKNOWN),
+    GUESS_NAME(GUESS_VERSION_UBUNTU_SERVER_1404),
+    GUESS_NAME(GUESS_VERSION_UBUNTU_SERVER_140402),
+    GUESS_NAME(GUESS_VERSION_UBUNTU_SERVER_1410),
+    GUESS_NAME(GUESS_VERSION_UBUNTU_SERVER_1504_OR_HIGHER),
+    GUESS_NAME(GUESS_VERSION_UBUNTU_SERVER_804_OR_LOWER),
+    GUESS_NAME(GUESS_VERSION_UBUNTU_SERVER_810_OR_HIGHER),
+    GUESS_NAME(GUESS_VERSION_UBUNTU_1404),
+    GUESS_NAME(GUESS_VERSION_UBUNTU_1410),
+    GUESS_NAME(GUESS_VERSION_UBUNTU_1504_TO_2004),
+    GUESS_NAME(GUESS_VERSION_UBUNTU_2010_OR_HIGHER),
+    GUESS_NAME(GUESS_VERSION_UBUNTU_704_OR_LOWER),
+    GUESS_NAME(GUESS_VERSION_UBUNTU_710_OR_HIGHER),
+    GUESS_NAME(GUESS_VERSION_MANDRIVA_2006),
+    GUESS_NAME(GUESS_VERSION_MANDRIVA_2007),
+    GUESS_NAME(GUESS_VERSION_MANDRIVA_2008_0),
+    GUESS_NAME(GUESS_VERSION_MANDRIVA_2008_1_OR_HIGHER),
+    GUESS_NAME(GUESS_VERSION_FEDORA_8),
+    GUESS_NAME(GUESS_VERSION_FEDORA_9_TO_12),
+    GUESS_NAME(GUESS_VERSION_FEDORA_13),
+    GUESS_NAME(GUESS_VERSION_FEDORA_14_TO_16),
+    GUESS_NAME(GUESS_VERSION_FEDORA_17),
+    GUESS_NAME(GUESS_VERSION_FEDORA_18),
+    GUESS_NAME(GUESS_VERSION_FEDORA_19_TO_20),
+    GUESS_NAME(GUESS_VERSION_FEDORA_21),
+    GUESS_NAME(GUESS_VERSION_FEDORA_22_TO_28),
+    GUESS_NAME(GUESS_VERSION_FEDORA_29_OR_HIGHER),
+    GUESS_NAME(GUESS_VERSION_FEDORA_LIVE),
+    GUESS_NAME(GUESS_VERSION_OPENSUSE_11_2_OR_LOWER),
+    GUESS_NAME(GUESS_VERSION_OPENSUSE_12),
+    GUESS_NAME(GUESS_VERSION_OPENSUSE_13_1),
+    GUESS_NAME(GUESS_VERSION_OPENSUSE_13_2_OR_HIGHER),
+    GUESS_NAME(GUESS_VERSION_SLES_10_SP2_OR_LOWER),
+    GUESS_NAME(GUESS_VERSION_SLED_10_SP2_OR_LOWER),
+    GUESS_NAME(GUESS_VERSION_SLED_ALL),
+    GUESS_NAME(GUESS_VERSION_CENTOS_3),
+    GUESS_NAME(GUESS_VERSION_CENTOS_4),
+    GUESS_NAME(GUESS_VERSION_CENTOS_5),
+    GUESS_NAME(GUESS_VERSION_CENTOS_6),
+    GUESS_NAME(GUESS_VERSION_CENTOS_7),
+    GUESS_NAME(GUESS_VERSION_CENTOS_7_MINIMAL),
+    GUESS_NAME(GUESS_VERSION_CENTOS_8),
+    GUESS_NAME(GUESS_VERSION_CENTOS_8_STREAM),
+    GUESS_NAME(GUESS_VERSION_CENTOS_9_STREAM),
+    GUESS_NAME(GUESS_VERSION_WINDOWS_8_ENTERPRISE),
+    GUESS_NAME(GUESS_VERSION_WINDOWS_8_TRIAL),
+    GUESS_NAME(GUESS_VERSION_WINDOWS_SERVER_2012_TRIAL),
+    GUESS_NAME(GUESS_VERSION_WINDOWS_81_PLAIN),
+    GUESS_NAME(GUESS_VERSION_WINDOWS_81_TRIAL),
+    GUESS_NAME(GUESS_VERSION_WINDOWS_81_ENTERPRISE),
+    GUESS_NAME(GUESS_VERSION_WINDOWS_SERVER_2012_R2_PLAIN),
+    GUESS_NAME(GUESS_VERSION_WINDOWS_SERVER_2012_R2_TRIAL),
+    GUESS_NAME(GUESS_VERSION_WINDOWS_10_PLAIN),
+    GUESS_NAME(GUESS_VERSION_WINDOWS_10_ENTERPRISE),
+    GUESS_NAME(GUESS_VERSION_WINDOWS_10_TRIAL),
+    GUESS_NAME(GUESS_VERSION_WINDOWS_10_ESD),
+    GUESS_NAME(GUESS_VERSION_RHEL_SERVER),
+    GUESS_NAME(GUESS_VERSION_RHEL_CLIENT),
+    GUESS_NAME(GUESS_VERSION_RHEL_WORKSTATION),
+    GUESS_NAME(GUESS_VERSION_ASIANUX_7_LIVE),
+    GUESS_NAME(GUESS_VERSION_DUMMY_LAST),
+};
+
+#undef GUESS_NAME
+
+GuessResult Guess_Guest(const char *path, const void *udfOption, GuessInfo *info) {
+  if (info == nullptr) {
+    return GUESS_OPEN_FAILED;
+  }
+  memset(info, 0, sizeof *info);
+  if (path == nullptr) {
+    return GUESS_OPEN_FAILED;
+  }
+
+  // UDF first: a bridge image carries both, and its UDF side is the real one.
+  GuessMedium medium{};
+  medium.udf = UDF_Open(path, udfOption);
+  if (medium.udf != nullptr) {
+    medium.type = GUESS_MEDIUM_UDF;
+  } else {
+    uint32_t format = 0;
+    if (Iso9660_ListFormats(path, &format) != ISO9660_OK ||
+        Iso9660_Open(path, format, &medium.iso) != ISO9660_OK) {
+      return GUESS_OPEN_FAILED;
+    }
+    medium.type = GUESS_MEDIUM_ISO9660;
+  }
+
+  bool recognized = false;
+  for (const GuessDetectorFn *detector = guessDetectors; *detector != nullptr && !recognized;
+       ++detector) {
+    recognized = (*detector)(&medium, info);
+  }
+
+  if (medium.type == GUESS_MEDIUM_UDF) {
+    UDF_Close(medium.udf);
+  } else {
+    Iso9660_Close(medium.iso);
+  }
+  return recognized ? GUESS_RECOGNIZED : GUESS_NOT_RECOGNIZED;
+}
+
+bool Guess_IsEqual(const GuessInfo *a, const GuessInfo *b) {
+  if (a == nullptr || b == nullptr) {
+    return a == b;
+  }
+  return KeyEqual(a->osKey, b->osKey) && KeyEqual(a->osKey64, b->osKey64) &&
+         a->version == b->version && a->noIsolinuxCfg == b->noIsolinuxCfg &&
+         strncmp(a->versionText, b->versionText, sizeof a->versionText) == 0 &&
+         strncmp(a->language, b->language, sizeof a->language) == 0 &&
+         strncmp(a->languages, b->languages, sizeof a->languages) == 0 &&
+         strncmp(a->editions, b->editions, sizeof a->editions) == 0;
+}
+
+const char *Guess_GetOsKey(const GuessInfo *info) {
+  if (info == nullptr) {
+    return nullptr;
+  }
+  return info->osKey64 != nullptr ? info->osKey64 : info->osKey;
+}
+
+char *Guess_GetVersionString(const char *name, const GuessInfo *info) {
+  if (name == nullptr) {
+    name = "";
+  }
+  if (info == nullptr) {
+    return UtilSafeStrdup0(name);
+  }
+  if (info->displayName[0] != '\0') {
+    return UtilSafeStrndup0(info->displayName, sizeof info->displayName);
+  }
+  if (info->versionText[0] != '\0') {
+    return Str_SafeAsprintf(nullptr, "%s %.*s", name, static_cast<int>(sizeof info->versionText),
+                            info->versionText);
+  }
+  if (info->version >= GUESS_VERSION_UBUNTU_SERVER_1410 &&
+      info->version <= GUESS_VERSION_UBUNTU_SERVER_810_OR_HIGHER) {
+    return WithSuffix(name, "@&!*@*@(msg.guessGuest.ubuntuServer)Server");
+  }
+  if (info->version == GUESS_VERSION_SLED_10_SP2_OR_LOWER ||
+      info->version == GUESS_VERSION_SLED_ALL) {
+    return WithSuffix(name, "@&!*@*@(msg.guessGuest.sledDesktop)Desktop");
+  }
+  return UtilSafeStrdup0(name);
+}
+
+const char *Guess_GetSubString(GuessVersion value) {
+  return value <= GUESS_VERSION_DUMMY_LAST ? SUB_NAMES[value] : nullptr;
+}
+
+GuessElfArch Guess_ELF_Arch(const void *bytes, size_t count) {
+  // Only the low byte of e_machine (offset 18) decides; the caller has
+  // already chosen the file as a kernel or an executable.
+  if (bytes == nullptr || count < 19) {
+    return GUESS_ARCH_UNKNOWN;
+  }
+  switch (static_cast<const unsigned char *>(bytes)[18]) {
+    case 0x3E:  // EM_X86_64
+      return GUESS_ARCH_X86_64;
+    case 3:  // EM_386
+    case 6:  // EM_486
+    case 7:  // EM_860
+      return GUESS_ARCH_X86;
+    case 0xB7:  // EM_AARCH64
+      return GUESS_ARCH_ARM64;
+    default:
+      return GUESS_ARCH_UNKNOWN;
+  }
+}
+
+}  // extern "C"

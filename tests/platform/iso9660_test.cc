@@ -1,0 +1,712 @@
+// The ISO 9660 reader against images mastered by xorriso and genisoimage:
+// listings and contents are checked against the source tree and against
+// isoinfo's view of the same image.
+#include "platform/iso9660/iso9660.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "support/testSupport.h"
+
+namespace fs = std::filesystem;
+using testing_support::HaveTool;
+using testing_support::LogCapture;
+using testing_support::ReadFile;
+using testing_support::RunCommand;
+using testing_support::TempDir;
+using testing_support::WriteFile;
+
+namespace {
+
+struct Node {
+  uint64_t size = 0;
+  bool dir = false;
+  std::string raw;  // the path as isoinfo names it (not compared)
+  bool operator==(const Node &o) const { return size == o.size && dir == o.dir; }
+};
+using Listing = std::map<std::string, Node>;
+
+std::ostream &operator<<(std::ostream &os, const Node &n) {
+  return os << (n.dir ? "dir " : "file ") << n.size;
+}
+
+// Reads a whole file the way the detection layer does: 2048-byte chunks
+// until ISO9660_EOF.
+std::string ReadWhole(Iso9660Volume *vol, const Iso9660DirEntry &entry) {
+  Iso9660File *file = nullptr;
+  EXPECT_EQ(ISO9660_OK, Iso9660_OpenFile(vol, &entry, &file)) << entry.name;
+  if (file == nullptr) {
+    return {};
+  }
+  std::string out;
+  char buf[2048];
+  for (;;) {
+    uint32_t len = sizeof buf;
+    Iso9660Result rc = Iso9660_ReadFile(vol, file, buf, &len);
+    if (rc == ISO9660_EOF) {
+      EXPECT_EQ(0u, len);
+      break;
+    }
+    EXPECT_EQ(ISO9660_OK, rc) << entry.name;
+    if (rc != ISO9660_OK) {
+      break;
+    }
+    out.append(buf, len);
+  }
+  EXPECT_EQ(ISO9660_OK, Iso9660_CloseFile(vol, file));
+  return out;
+}
+
+// Every path below dir ("" for the root), with contents when asked.
+void Walk(Iso9660Volume *vol, const std::string &dir, Listing *listing,
+          std::map<std::string, std::string> *contents, int depth = 0) {
+  ASSERT_LT(depth, 40);
+  Iso9660Dir *handle = nullptr;
+  ASSERT_EQ(ISO9660_OK, Iso9660_OpenDir(vol, dir.c_str(), &handle)) << dir;
+  Iso9660DirEntry entry;
+  std::vector<std::string> subdirs;
+  Iso9660Result rc;
+  while ((rc = Iso9660_ReadDir(vol, handle, &entry)) == ISO9660_OK) {
+    std::string path = dir.empty() ? entry.name : dir + "/" + entry.name;
+    bool isDir = entry.flags & ISO9660_ENTRY_DIRECTORY;
+    EXPECT_EQ(0u, listing->count(path)) << "listed twice: " << path;
+    (*listing)[path] = Node{entry.size64, isDir, {}};
+    EXPECT_EQ(entry.size64 > UINT32_MAX ? 0xFFFFFFFFu : entry.size64, entry.size);
+    if (isDir) {
+      subdirs.push_back(path);
+    } else if (contents != nullptr) {
+      (*contents)[path] = ReadWhole(vol, entry);
+    }
+  }
+  EXPECT_EQ(ISO9660_EOF, rc) << dir;
+  EXPECT_EQ(ISO9660_OK, Iso9660_CloseDir(vol, handle));
+  for (const std::string &sub : subdirs) {
+    Walk(vol, sub, listing, contents, depth + 1);
+  }
+}
+
+Listing SourceListing(const fs::path &root, std::map<std::string, std::string> *contents) {
+  Listing out;
+  for (const auto &it : fs::recursive_directory_iterator(root)) {
+    std::string rel = fs::relative(it.path(), root).string();
+    if (it.is_directory()) {
+      out[rel] = Node{0, true, {}};
+    } else {
+      out[rel] = Node{static_cast<uint64_t>(it.file_size()), false, {}};
+      (*contents)[rel] = ReadFile(it.path());
+    }
+  }
+  return out;
+}
+
+// ";1" and a trailing dot are not part of a primary name.
+std::string PrimaryName(std::string name) {
+  size_t semi = name.rfind(';');
+  if (semi != std::string::npos) {
+    name.resize(semi);
+  }
+  if (name.size() > 1 && name.back() == '.') {
+    name.pop_back();
+  }
+  return name;
+}
+
+// isoinfo -l in the given name space ("", "-J", "-R"); parts of a
+// multi-extent file are listed one line each (the flags of all but the last
+// printed without their bracket) and summed here.
+Listing IsoinfoListing(const std::string &image, const std::string &nameSpace) {
+  std::vector<std::string> argv{"isoinfo", "-l", "-i", image};
+  if (!nameSpace.empty()) {
+    argv.push_back(nameSpace);
+  }
+  testing_support::CommandResult r = RunCommand(argv);
+  EXPECT_EQ(0, r.exitCode) << r.output;
+  static const std::regex header("^Directory listing of (/.*)$");
+  static const std::regex line(
+      R"(^([-dlcbps])\S{9}\s+\d+\s+\d+\s+\d+\s+(\d+)\s+\S+\s+\d+\s+\d+\s+\[\s*\d+\s+[0-9A-Fa-f]+(?:\]\s\s|\s)(.*) $)");
+  Listing out;
+  std::string dir;
+  std::istringstream in(r.output);
+  std::string text;
+  std::smatch m;
+  while (std::getline(in, text)) {
+    if (std::regex_match(text, m, header)) {
+      dir = m[1].str().substr(1);  // "/A/B/" -> "A/B/"
+      // Parent directories appear under their stored names in primary listings.
+      if (nameSpace.empty()) {
+        std::string clean;
+        std::istringstream parts(dir);
+        std::string part;
+        while (std::getline(parts, part, '/')) {
+          clean += PrimaryName(part) + "/";
+        }
+        dir = clean;
+      }
+    } else if (std::regex_match(text, m, line)) {
+      std::string name = m[3].str();
+      if (name == "." || name == "..") {
+        continue;
+      }
+      std::string raw = "/" + dir + name;
+      if (nameSpace.empty()) {
+        name = PrimaryName(name);
+      }
+      Node &node = out[dir + name];
+      node.raw = raw;
+      node.dir = m[1].str() == "d";
+      node.size += std::stoull(m[2].str());
+    }
+  }
+  return out;
+}
+
+std::string IsoinfoExtract(const std::string &image, const std::string &nameSpace,
+                           const std::string &path) {
+  std::vector<std::string> argv{"isoinfo", "-i", image, "-x", path};
+  if (!nameSpace.empty()) {
+    argv.push_back(nameSpace);
+  }
+  testing_support::CommandResult r = RunCommand(argv);
+  EXPECT_EQ(0, r.exitCode) << r.output;
+  return r.output;
+}
+
+// The committed tree plus a directory spanning several sectors, a deep
+// chain (deeper than the 8 levels plain ISO 9660 allows) and a file of
+// several sectors.
+fs::path MakeSourceTree(const TempDir &tmp) {
+  fs::path src = tmp / "src";
+  fs::copy(testing_support::DataDir() / "iso" / "tree", src, fs::copy_options::recursive);
+  fs::create_directories(src / "many");
+  for (int i = 0; i < 300; ++i) {
+    char name[64];
+    snprintf(name, sizeof name, "entry-with-a-fairly-long-name-%04d.txt", i);
+    WriteFile(src / "many" / name, std::string(static_cast<size_t>(i % 7), 'a' + i % 26));
+  }
+  fs::path deep = src;
+  for (int i = 1; i <= 11; ++i) {
+    deep /= "d" + std::to_string(i);
+  }
+  fs::create_directories(deep);
+  WriteFile(deep / "leaf.txt", "at the bottom\n");
+  std::string big;
+  uint32_t x = 12345;
+  for (int i = 0; i < 100000; ++i) {
+    x = x * 1103515245u + 12345u;
+    big.push_back(static_cast<char>(x >> 24));
+  }
+  WriteFile(src / "docs" / "blob.bin", big);
+  return src;
+}
+
+struct MasterCase {
+  const char *label;
+  const char *tool;
+  std::vector<std::string> options;
+  uint32_t expectFormats;
+  uint32_t request;
+  const char *nameSpace;  // isoinfo's switch for the names that should be used
+};
+
+class MasteredImage : public ::testing::TestWithParam<MasterCase> {};
+
+TEST_P(MasteredImage, ListingAndContentsMatchTheToolsView) {
+  const MasterCase &c = GetParam();
+  if (!HaveTool(c.tool) || !HaveTool("isoinfo")) {
+    GTEST_SKIP() << "needs " << c.tool << " and isoinfo";
+  }
+  TempDir tmp;
+  fs::path src = MakeSourceTree(tmp);
+  std::string image = (tmp / "image.iso").string();
+  std::vector<std::string> argv{c.tool};
+  if (std::string(c.tool) == "xorriso") {
+    argv.push_back("-as");
+    argv.push_back("mkisofs");
+  } else {
+    argv.push_back("-quiet");
+  }
+  argv.insert(argv.end(), c.options.begin(), c.options.end());
+  argv.insert(argv.end(), {"-o", image, src.string()});
+  testing_support::CommandResult made = RunCommand(argv);
+  ASSERT_EQ(0, made.exitCode) << made.output;
+
+  uint32_t formats = 0;
+  ASSERT_EQ(ISO9660_OK, Iso9660_ListFormats(image.c_str(), &formats));
+  EXPECT_EQ(c.expectFormats, formats);
+
+  Iso9660Volume *vol = nullptr;
+  ASSERT_EQ(ISO9660_OK, Iso9660_Open(image.c_str(), c.request, &vol));
+  Listing ours;
+  std::map<std::string, std::string> ourContents;
+  Walk(vol, "", &ours, &ourContents);
+  ASSERT_EQ(ISO9660_OK, Iso9660_Close(vol));
+
+  Listing theirs = IsoinfoListing(image, c.nameSpace);
+  std::string ns = c.nameSpace;
+  if (ns == "-R") {
+    // isoinfo shows relocated deep directories where the image stores
+    // them; the reader shows them where they belong, so compare the
+    // directories isoinfo sees in place, and the whole tree with the source.
+    for (auto it = theirs.begin(); it != theirs.end();) {
+      it = it->first.rfind("rr_moved", 0) == 0 || it->first.find("/d8") != std::string::npos
+               ? theirs.erase(it)
+               : std::next(it);
+    }
+    for (const auto &[path, node] : theirs) {
+      ASSERT_EQ(1u, ours.count(path)) << path;
+      EXPECT_EQ(node.size, ours[path].size) << path;
+      EXPECT_EQ(node.dir, ours[path].dir) << path;
+    }
+  } else {
+    EXPECT_EQ(theirs, ours);
+  }
+
+  if (ns == "-R" || ns == "-J") {
+    // Rock Ridge and Joliet keep the source names: the same tree, the same bytes.
+    std::map<std::string, std::string> srcContents;
+    Listing source = SourceListing(src, &srcContents);
+    ours.erase("rr_moved");
+    ASSERT_EQ(source.size(), ours.size());
+    for (const auto &[path, node] : source) {
+      ASSERT_EQ(1u, ours.count(path)) << path;
+      EXPECT_EQ(node.dir, ours[path].dir) << path;
+      if (!node.dir) {
+        EXPECT_EQ(node.size, ours[path].size) << path;
+        EXPECT_TRUE(srcContents[path] == ourContents[path]) << path;
+      }
+    }
+  }
+  // isoinfo's bytes for a few files, by the names it lists.
+  int checked = 0;
+  for (const auto &[path, node] : theirs) {
+    if (node.dir || path.find("many") != std::string::npos) {
+      continue;
+    }
+    EXPECT_TRUE(IsoinfoExtract(image, ns, node.raw) == ourContents[path]) << path;
+    ++checked;
+  }
+  EXPECT_GE(checked, 5);
+}
+
+constexpr uint32_t kAll = ISO9660_FORMAT_ISO | ISO9660_FORMAT_JOLIET | ISO9660_FORMAT_ROCKRIDGE;
+constexpr uint32_t kIso = ISO9660_FORMAT_ISO;
+constexpr uint32_t kJ = ISO9660_FORMAT_ISO | ISO9660_FORMAT_JOLIET;
+constexpr uint32_t kR = ISO9660_FORMAT_ISO | ISO9660_FORMAT_ROCKRIDGE;
+
+INSTANTIATE_TEST_SUITE_P(
+    Iso9660, MasteredImage,
+    ::testing::Values(
+        MasterCase{"xorrisoPlain", "xorriso", {"--norock"}, kIso, kAll, ""},
+        MasterCase{"xorrisoJoliet", "xorriso", {"--norock", "-J"}, kJ, kAll, "-J"},
+        MasterCase{"xorrisoRockRidge", "xorriso", {"-R"}, kR, kAll, "-R"},
+        MasterCase{"xorrisoBothAskRockRidge",
+                   "xorriso",
+                   {"-R", "-J"},
+                   kAll,
+                   ISO9660_FORMAT_ROCKRIDGE,
+                   "-R"},
+        MasterCase{
+            "xorrisoBothAskJoliet", "xorriso", {"-R", "-J"}, kAll, ISO9660_FORMAT_JOLIET, "-J"},
+        MasterCase{"xorrisoBothAskPrimary", "xorriso", {"-R", "-J"}, kAll, ISO9660_FORMAT_ISO, ""},
+        MasterCase{"xorrisoLevel3Long", "xorriso", {"--norock", "-iso-level", "3"}, kIso, kAll, ""},
+        MasterCase{"genisoimageJoliet", "genisoimage", {"-J", "-D"}, kJ, kAll, "-J"},
+        MasterCase{"genisoimageRockRidge", "genisoimage", {"-R"}, kR, kAll, "-R"},
+        MasterCase{
+            "genisoimageBoth", "genisoimage", {"-R", "-J"}, kAll, ISO9660_FORMAT_ROCKRIDGE, "-R"},
+        MasterCase{"genisoimageBothAskJoliet",
+                   "genisoimage",
+                   {"-R", "-J"},
+                   kAll,
+                   ISO9660_FORMAT_JOLIET,
+                   "-J"}),
+    [](const ::testing::TestParamInfo<MasterCase> &info) { return std::string(info.param.label); });
+
+// A small image made once per test.
+std::string MakeImage(const TempDir &tmp, const std::vector<std::string> &options,
+                      const fs::path &srcDir = testing_support::DataDir() / "iso" / "tree") {
+  std::string image = (tmp / "small.iso").string();
+  std::vector<std::string> argv{"xorriso", "-as", "mkisofs"};
+  argv.insert(argv.end(), options.begin(), options.end());
+  argv.insert(argv.end(), {"-o", image, srcDir.string()});
+  testing_support::CommandResult r = RunCommand(argv);
+  EXPECT_EQ(0, r.exitCode) << r.output;
+  return image;
+}
+
+TEST(Iso9660, VolumeIdIsThePrimaryIdWithoutPadding) {
+  if (!HaveTool("xorriso")) {
+    GTEST_SKIP() << "needs xorriso";
+  }
+  struct {
+    const char *given;
+    const char *expected;
+  } cases[] = {{"Mandriva.2010.0 x86_64", "Mandriva.2010.0 x86_64"},
+               {"THIRTY_TWO_CHARACTERS_LONG_ID_XY", "THIRTY_TWO_CHARACTERS_LONG_ID_XY"}};
+  for (const auto &c : cases) {
+    TempDir tmp;
+    std::string image = MakeImage(tmp, {"-R", "-J", "-V", c.given});
+    for (uint32_t format : {ISO9660_FORMAT_ISO, ISO9660_FORMAT_JOLIET}) {
+      Iso9660Volume *vol = nullptr;
+      ASSERT_EQ(ISO9660_OK, Iso9660_Open(image.c_str(), format, &vol));
+      char *id = nullptr;
+      ASSERT_EQ(ISO9660_OK, Iso9660_GetVolumeId(vol, &id));
+      EXPECT_STREQ(c.expected, id);
+      free(id);
+      EXPECT_EQ(ISO9660_OK, Iso9660_Close(vol));
+    }
+  }
+}
+
+struct CallbackState {
+  int fd = -1;
+  int reads = 0;
+  int closes = 0;
+  bool closeFails = false;
+};
+
+bool CountingRead(void *handle, void *buf, size_t len, uint64_t offset) {
+  auto *st = static_cast<CallbackState *>(handle);
+  ++st->reads;
+  return pread(st->fd, buf, len, static_cast<off_t>(offset)) == static_cast<ssize_t>(len);
+}
+
+bool CountingClose(void *handle) {
+  auto *st = static_cast<CallbackState *>(handle);
+  ++st->closes;
+  return close(st->fd) == 0 && !st->closeFails;
+}
+
+TEST(Iso9660, OpenWithReaderReadsThroughTheCallbacksAndClosesOnce) {
+  if (!HaveTool("xorriso")) {
+    GTEST_SKIP() << "needs xorriso";
+  }
+  TempDir tmp;
+  std::string image = MakeImage(tmp, {"-R", "-J"});
+  // Known size, then unknown size with a close that reports a failure.
+  for (uint64_t size : {static_cast<uint64_t>(fs::file_size(image)), uint64_t{0}}) {
+    CallbackState st;
+    st.closeFails = size == 0;
+    st.fd = open(image.c_str(), O_RDONLY);
+    ASSERT_GE(st.fd, 0);
+    Iso9660Volume *vol = nullptr;
+    ASSERT_EQ(ISO9660_OK, Iso9660_OpenWithReader(CountingRead, CountingClose, &st, size,
+                                                 ISO9660_FORMAT_ROCKRIDGE, &vol));
+    EXPECT_GT(st.reads, 0);
+    Iso9660DirEntry entry;
+    ASSERT_EQ(ISO9660_OK, Iso9660_Stat(vol, "isolinux/isolinux.cfg", &entry));
+    int before = st.reads;
+    EXPECT_EQ(ReadFile(testing_support::DataDir() / "iso/tree/isolinux/isolinux.cfg"),
+              ReadWhole(vol, entry));
+    EXPECT_GT(st.reads, before);
+    EXPECT_EQ(0, st.closes);
+    EXPECT_EQ(st.closeFails ? ISO9660_ERR_IO : ISO9660_OK, Iso9660_Close(vol));
+    EXPECT_EQ(1, st.closes);
+  }
+}
+
+TEST(Iso9660, FailedOpenWithReaderLeavesTheHandleToTheCaller) {
+  TempDir tmp;
+  fs::path notIso = tmp / "zeros.img";
+  WriteFile(notIso, std::string(64 * 1024, '\0'));
+  CallbackState st;
+  st.fd = open(notIso.c_str(), O_RDONLY);
+  ASSERT_GE(st.fd, 0);
+  LogCapture capture;
+  Iso9660Volume *vol = reinterpret_cast<Iso9660Volume *>(1);
+  EXPECT_EQ(ISO9660_ERR_NOT_ISO, Iso9660_OpenWithReader(CountingRead, CountingClose, &st, 64 * 1024,
+                                                        ISO9660_FORMAT_ISO, &vol));
+  EXPECT_EQ(nullptr, vol);
+  EXPECT_EQ(0, st.closes);
+  EXPECT_TRUE(capture.contains("ISO9660: no ISO 9660 volume descriptor")) << capture.all();
+  EXPECT_EQ(1u, capture.lines().size());
+  EXPECT_TRUE(CountingClose(&st));  // still ours, still open
+}
+
+// Lookups and argument errors on one Rock Ridge image.
+TEST(Iso9660, PathLookups) {
+  if (!HaveTool("xorriso")) {
+    GTEST_SKIP() << "needs xorriso";
+  }
+  TempDir tmp;
+  std::string image = MakeImage(tmp, {"-R", "-J"});
+  Iso9660Volume *vol = nullptr;
+  ASSERT_EQ(ISO9660_OK, Iso9660_Open(image.c_str(), kAll, &vol));
+  struct {
+    const char *path;
+    Iso9660Result stat;
+    bool dir;
+    Iso9660Result openDir;
+  } cases[] = {
+      {"", ISO9660_OK, true, ISO9660_OK},
+      {"/", ISO9660_OK, true, ISO9660_OK},
+      {"Sub Dir/deeper", ISO9660_OK, true, ISO9660_OK},
+      {"/Sub Dir//deeper/", ISO9660_OK, true, ISO9660_OK},
+      {"Sub Dir/deeper/Mixed Case Long Name.txt", ISO9660_OK, false, ISO9660_ERR_INVALID_ARG},
+      {"sub dir/deeper", ISO9660_ERR_NOT_FOUND, false, ISO9660_ERR_NOT_FOUND},
+      {"readme.txt/x", ISO9660_ERR_NOT_FOUND, false, ISO9660_ERR_NOT_FOUND},
+      {"isolinux/../readme.txt", ISO9660_ERR_INVALID_ARG, false, ISO9660_ERR_INVALID_ARG},
+      {"./readme.txt", ISO9660_ERR_INVALID_ARG, false, ISO9660_ERR_INVALID_ARG},
+      {"README.TXT", ISO9660_ERR_NOT_FOUND, false, ISO9660_ERR_NOT_FOUND},
+  };
+  for (const auto &c : cases) {
+    Iso9660DirEntry entry;
+    EXPECT_EQ(c.stat, Iso9660_Stat(vol, c.path, &entry)) << c.path;
+    if (c.stat == ISO9660_OK) {
+      EXPECT_EQ(c.dir, (entry.flags & ISO9660_ENTRY_DIRECTORY) != 0) << c.path;
+    }
+    Iso9660Dir *dir = nullptr;
+    EXPECT_EQ(c.openDir, Iso9660_OpenDir(vol, c.path, &dir)) << c.path;
+    if (dir != nullptr) {
+      EXPECT_EQ(ISO9660_OK, Iso9660_CloseDir(vol, dir));
+    }
+  }
+  Iso9660DirEntry root;
+  ASSERT_EQ(ISO9660_OK, Iso9660_Stat(vol, "/", &root));
+  EXPECT_STREQ("", root.name);
+  EXPECT_EQ(static_cast<uint32_t>(S_IFDIR), root.mode & S_IFMT);
+  Iso9660File *file = nullptr;
+  EXPECT_EQ(ISO9660_ERR_INVALID_ARG, Iso9660_OpenFile(vol, &root, &file));
+
+  std::string deep = "x";
+  for (int i = 0; i < 70; ++i) {
+    deep += "/x";
+  }
+  EXPECT_EQ(ISO9660_ERR_LIMIT, Iso9660_Stat(vol, deep.c_str(), &root));
+  EXPECT_EQ(ISO9660_OK, Iso9660_Close(vol));
+}
+
+TEST(Iso9660, EntriesCarryRockRidgeModesAndKinds) {
+  if (!HaveTool("xorriso")) {
+    GTEST_SKIP() << "needs xorriso";
+  }
+  TempDir tmp;
+  fs::path src = tmp / "src";
+  fs::create_directories(src / "bin");
+  WriteFile(src / "bin" / "tool", "#!/bin/sh\n");
+  fs::permissions(src / "bin" / "tool", fs::perms(0755));
+  WriteFile(src / "plain", "x");
+  fs::permissions(src / "plain", fs::perms(0640));
+  fs::create_symlink("bin/tool", src / "link");
+  ASSERT_EQ(0, mkfifo((src / "fifo").c_str(), 0600));
+  std::string image = MakeImage(tmp, {"-R"}, src);
+  Iso9660Volume *vol = nullptr;
+  ASSERT_EQ(ISO9660_OK, Iso9660_Open(image.c_str(), ISO9660_FORMAT_ROCKRIDGE, &vol));
+  struct {
+    const char *path;
+    uint32_t mode;
+    uint32_t flags;
+  } cases[] = {
+      {"bin", S_IFDIR | 0755, ISO9660_ENTRY_DIRECTORY},
+      {"bin/tool", S_IFREG | 0755, 0},
+      {"plain", S_IFREG | 0640, 0},
+      {"link", S_IFLNK | 0777, ISO9660_ENTRY_SYMLINK},
+      {"fifo", S_IFIFO | 0600, ISO9660_ENTRY_SPECIAL},
+  };
+  for (const auto &c : cases) {
+    Iso9660DirEntry entry;
+    ASSERT_EQ(ISO9660_OK, Iso9660_Stat(vol, c.path, &entry)) << c.path;
+    EXPECT_EQ(c.mode, entry.mode) << c.path;
+    EXPECT_EQ(c.flags, entry.flags) << c.path;
+  }
+  EXPECT_EQ(ISO9660_OK, Iso9660_Close(vol));
+
+  // The primary names of the same image carry no modes.
+  ASSERT_EQ(ISO9660_OK, Iso9660_Open(image.c_str(), ISO9660_FORMAT_ISO, &vol));
+  Iso9660DirEntry entry;
+  ASSERT_EQ(ISO9660_OK, Iso9660_Stat(vol, "BIN/TOOL", &entry));
+  EXPECT_EQ(0u, entry.mode);
+  EXPECT_EQ(ISO9660_OK, Iso9660_Close(vol));
+}
+
+TEST(Iso9660, RewindListsTheSameEntriesAgain) {
+  if (!HaveTool("xorriso")) {
+    GTEST_SKIP() << "needs xorriso";
+  }
+  TempDir tmp;
+  std::string image = MakeImage(tmp, {"-J"});
+  Iso9660Volume *vol = nullptr;
+  ASSERT_EQ(ISO9660_OK, Iso9660_Open(image.c_str(), ISO9660_FORMAT_JOLIET, &vol));
+  Iso9660Dir *dir = nullptr;
+  ASSERT_EQ(ISO9660_OK, Iso9660_OpenDir(vol, "", &dir));
+  std::vector<std::string> passes[2];
+  for (auto &names : passes) {
+    Iso9660DirEntry entry;
+    while (Iso9660_ReadDir(vol, dir, &entry) == ISO9660_OK) {
+      names.push_back(entry.name);
+    }
+    EXPECT_EQ(ISO9660_EOF, Iso9660_ReadDir(vol, dir, &entry));
+    EXPECT_EQ(ISO9660_OK, Iso9660_RewindDir(vol, dir));
+  }
+  EXPECT_EQ((std::vector<std::string>{"Sub Dir", "docs", "isolinux", "kernel", "readme.txt"}),
+            passes[0]);
+  EXPECT_EQ(passes[0], passes[1]);
+  EXPECT_EQ(ISO9660_OK, Iso9660_CloseDir(vol, dir));
+  EXPECT_EQ(ISO9660_OK, Iso9660_Close(vol));
+}
+
+TEST(Iso9660, HandlesOfAnotherVolumeAreRefused) {
+  if (!HaveTool("xorriso")) {
+    GTEST_SKIP() << "needs xorriso";
+  }
+  TempDir tmp;
+  std::string image = MakeImage(tmp, {});
+  Iso9660Volume *a = nullptr;
+  Iso9660Volume *b = nullptr;
+  ASSERT_EQ(ISO9660_OK, Iso9660_Open(image.c_str(), kIso, &a));
+  ASSERT_EQ(ISO9660_OK, Iso9660_Open(image.c_str(), kIso, &b));
+  Iso9660Dir *dir = nullptr;
+  ASSERT_EQ(ISO9660_OK, Iso9660_OpenDir(a, "/", &dir));
+  Iso9660DirEntry entry;
+  LogCapture capture;
+  EXPECT_EQ(ISO9660_ERR_INVALID_ARG, Iso9660_ReadDir(b, dir, &entry));
+  EXPECT_EQ(ISO9660_ERR_INVALID_ARG, Iso9660_ReadDir(nullptr, dir, &entry));
+  EXPECT_EQ(ISO9660_ERR_INVALID_ARG, Iso9660_CloseDir(b, dir));
+  EXPECT_EQ(3u, capture.lines().size());
+  EXPECT_EQ(ISO9660_OK, Iso9660_CloseDir(a, dir));
+  EXPECT_EQ(ISO9660_OK, Iso9660_Close(a));
+  EXPECT_EQ(ISO9660_OK, Iso9660_Close(b));
+}
+
+TEST(Iso9660, PositionedReadsAndEndOfFile) {
+  if (!HaveTool("xorriso")) {
+    GTEST_SKIP() << "needs xorriso";
+  }
+  TempDir tmp;
+  std::string image = MakeImage(tmp, {"-R"});
+  Iso9660Volume *vol = nullptr;
+  ASSERT_EQ(ISO9660_OK, Iso9660_Open(image.c_str(), ISO9660_FORMAT_ROCKRIDGE, &vol));
+  Iso9660DirEntry entry;
+  ASSERT_EQ(ISO9660_OK, Iso9660_Stat(vol, "readme.txt", &entry));
+  Iso9660File *file = nullptr;
+  ASSERT_EQ(ISO9660_OK, Iso9660_OpenFile(vol, &entry, &file));
+  char buf[32] = {};
+  EXPECT_EQ(ISO9660_OK, Iso9660_PReadFile(vol, file, buf, 6, 4));
+  EXPECT_EQ("from", std::string(buf, 4));
+  EXPECT_EQ(ISO9660_EOF, Iso9660_PReadFile(vol, file, buf, 18, 4));
+  EXPECT_EQ(ISO9660_EOF, Iso9660_PReadFile(vol, file, buf, UINT64_MAX, 1));
+  EXPECT_EQ(ISO9660_OK, Iso9660_PReadFile(vol, file, buf, 21, 0));
+  uint32_t len = 5;
+  EXPECT_EQ(ISO9660_OK, Iso9660_ReadFile(vol, file, buf, &len));
+  EXPECT_EQ("hello", std::string(buf, len));
+  len = sizeof buf;
+  EXPECT_EQ(ISO9660_OK, Iso9660_ReadFile(vol, file, buf, &len));
+  EXPECT_EQ(" from the image\n", std::string(buf, len));
+  len = sizeof buf;
+  EXPECT_EQ(ISO9660_EOF, Iso9660_ReadFile(vol, file, buf, &len));
+  EXPECT_EQ(0u, len);
+  EXPECT_EQ(ISO9660_OK, Iso9660_CloseFile(vol, file));
+
+  // An empty file is at its end at once.
+  ASSERT_EQ(ISO9660_OK, Iso9660_Stat(vol, "docs/empty.txt", &entry));
+  ASSERT_EQ(ISO9660_OK, Iso9660_OpenFile(vol, &entry, &file));
+  len = sizeof buf;
+  EXPECT_EQ(ISO9660_EOF, Iso9660_ReadFile(vol, file, buf, &len));
+  EXPECT_EQ(ISO9660_OK, Iso9660_CloseFile(vol, file));
+  EXPECT_EQ(ISO9660_OK, Iso9660_Close(vol));
+}
+
+// A file over 4 GiB is stored as several extents (-iso-level 3). The
+// source is sparse and the image is kept sparse, so this costs little disk
+// but xorriso still streams all of it: the image is made once.
+class Iso9660MultiExtent : public ::testing::Test {
+ protected:
+  static constexpr uint64_t kSize = (4ull << 30) + 3 * 1024 * 1024 + 123;
+  static constexpr uint64_t kMarks[] = {0, (4ull << 30) - 2048 - 100, (4ull << 30) + 4096,
+                                        kSize - 64};
+  static std::string Mark(uint64_t at) { return "<mark at " + std::to_string(at) + ">"; }
+
+  static void SetUpTestSuite() {
+    if (!HaveTool("xorriso")) {
+      return;
+    }
+    tmp_ = new TempDir;
+    fs::path src = *tmp_ / "src";
+    fs::create_directories(src / "dir");
+    {
+      std::ofstream out(src / "dir" / "huge.bin", std::ios::binary);
+      for (uint64_t at : kMarks) {
+        out.seekp(static_cast<std::streamoff>(at));
+        out << Mark(at).substr(0, static_cast<size_t>(std::min<uint64_t>(kSize - at, 64)));
+      }
+    }
+    fs::resize_file(src / "dir" / "huge.bin", kSize);
+    WriteFile(src / "dir" / "after.txt", "after the big one\n");
+    image_ = (*tmp_ / "multi.iso").string();
+    std::string cmd = "xorriso -as mkisofs -iso-level 3 -R -J -o - '" + src.string() +
+                      "' 2>/dev/null | cp --sparse=always /dev/stdin '" + image_ + "'";
+    testing_support::CommandResult r = RunCommand({"sh", "-c", cmd});
+    if (r.exitCode != 0) {
+      image_.clear();
+    }
+  }
+  static void TearDownTestSuite() {
+    delete tmp_;
+    tmp_ = nullptr;
+  }
+  void SetUp() override {
+    if (image_.empty()) {
+      GTEST_SKIP() << "needs xorriso and a sparse-capable temp directory";
+    }
+  }
+  static TempDir *tmp_;
+  static std::string image_;
+};
+TempDir *Iso9660MultiExtent::tmp_ = nullptr;
+std::string Iso9660MultiExtent::image_;
+
+TEST_F(Iso9660MultiExtent, PartsMakeOneFileInEveryNameSet) {
+  Listing theirs = IsoinfoListing(image_, "-R");
+  ASSERT_EQ(kSize, theirs["dir/huge.bin"].size);
+  for (uint32_t format :
+       std::vector<uint32_t>{ISO9660_FORMAT_ROCKRIDGE, ISO9660_FORMAT_JOLIET, ISO9660_FORMAT_ISO}) {
+    Iso9660Volume *vol = nullptr;
+    ASSERT_EQ(ISO9660_OK, Iso9660_Open(image_.c_str(), format, &vol));
+    Iso9660Dir *dir = nullptr;
+    const char *dirName = format == ISO9660_FORMAT_ISO ? "DIR" : "dir";
+    ASSERT_EQ(ISO9660_OK, Iso9660_OpenDir(vol, dirName, &dir));
+    Iso9660DirEntry entry;
+    std::vector<std::pair<std::string, uint64_t>> listed;
+    while (Iso9660_ReadDir(vol, dir, &entry) == ISO9660_OK) {
+      listed.emplace_back(entry.name, entry.size64);
+      if (entry.size64 == kSize) {
+        EXPECT_EQ(0xFFFFFFFFu, entry.size);
+        EXPECT_EQ(ISO9660_ENTRY_MULTIEXTENT, entry.flags);
+        Iso9660File *file = nullptr;
+        ASSERT_EQ(ISO9660_OK, Iso9660_OpenFile(vol, &entry, &file));
+        for (uint64_t at : kMarks) {
+          std::string want = Mark(at).substr(0, std::min<uint64_t>(kSize - at, 64));
+          std::string got(want.size(), '\0');
+          ASSERT_EQ(ISO9660_OK, Iso9660_PReadFile(vol, file, got.data(), at, got.size()));
+          EXPECT_EQ(want, got) << at;
+        }
+        // Across the boundary between the first two extents.
+        std::string span(8192, '\0');
+        uint64_t at = (4ull << 30) - 2048 - 4096;
+        ASSERT_EQ(ISO9660_OK, Iso9660_PReadFile(vol, file, span.data(), at, span.size()));
+        EXPECT_EQ(Mark(kMarks[1]), span.substr(kMarks[1] - at, Mark(kMarks[1]).size()));
+        char tail[256];
+        EXPECT_EQ(ISO9660_EOF, Iso9660_PReadFile(vol, file, tail, kSize - 10, 11));
+        EXPECT_EQ(ISO9660_OK, Iso9660_CloseFile(vol, file));
+      }
+    }
+    ASSERT_EQ(2u, listed.size());
+    EXPECT_EQ(kSize, listed[1].second) << format;
+    EXPECT_EQ(18u, listed[0].second);
+    EXPECT_EQ(ISO9660_OK, Iso9660_CloseDir(vol, dir));
+    EXPECT_EQ(ISO9660_OK, Iso9660_Close(vol));
+  }
+}
+
+}  // namespace

@@ -1,0 +1,140 @@
+// guestprep detect IMAGE...: which guest OS does each image install?
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "cli.h"
+#include "guestprep/guess.h"
+
+namespace {
+
+std::vector<std::string> gImages;
+bool gJson = false;
+
+const char *ResultName(GuessResult result) {
+  switch (result) {
+    case GUESS_RECOGNIZED:
+      return "GUESS_RECOGNIZED";
+    case GUESS_NOT_RECOGNIZED:
+      return "GUESS_NOT_RECOGNIZED";
+    default:
+      return "GUESS_OPEN_FAILED";
+  }
+}
+
+template <size_t N>
+std::string Field(const char (&field)[N]) {
+  return std::string(field, strnlen(field, N));
+}
+
+// A "?"-terminated list field as its entries.
+template <size_t N>
+std::vector<std::string> ListField(const char (&field)[N]) {
+  std::vector<std::string> items;
+  std::string text = Field(field);
+  size_t start = 0;
+  for (size_t q; (q = text.find('?', start)) != std::string::npos; start = q + 1) {
+    items.push_back(text.substr(start, q - start));
+  }
+  if (start < text.size()) {
+    items.push_back(text.substr(start));
+  }
+  return items;
+}
+
+// Why an image could not be opened, for the one-line reason on stderr.
+std::string OpenFailure(const std::string &path) {
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0) {
+    return strerror(errno);
+  }
+  if (!S_ISREG(st.st_mode) && !S_ISBLK(st.st_mode)) {
+    return "not a regular file";
+  }
+  return "neither an ISO 9660 nor a UDF image";
+}
+
+nlohmann::ordered_json Record(const std::string &path, GuessResult result, const GuessInfo &info) {
+  nlohmann::ordered_json j;
+  j["image"] = path;
+  j["result"] = result;
+  j["resultName"] = ResultName(result);
+  j["osKey"] = info.osKey != nullptr ? nlohmann::json(info.osKey) : nlohmann::json(nullptr);
+  j["osKey64"] = info.osKey64 != nullptr ? nlohmann::json(info.osKey64) : nlohmann::json(nullptr);
+  j["version"] = info.version;
+  const char *versionName = Guess_GetSubString(info.version);
+  j["versionName"] = versionName != nullptr ? versionName : "";
+  j["versionText"] = Field(info.versionText);
+  j["language"] = Field(info.language);
+  j["languageShort"] = Field(info.languageShort);
+  j["languages"] = ListField(info.languages);
+  j["editions"] = ListField(info.editions);
+  j["displayName"] = Field(info.displayName);
+  j["noIsolinuxCfg"] = info.noIsolinuxCfg;
+  return j;
+}
+
+void PrintText(const nlohmann::ordered_json &j) {
+  for (const auto &[key, value] : j.items()) {
+    std::string shown;
+    if (value.is_null()) {
+      shown = "-";
+    } else if (value.is_string()) {
+      shown = value.get<std::string>();
+    } else if (value.is_array()) {
+      for (const auto &item : value) {
+        shown += (shown.empty() ? "" : ", ") + item.get<std::string>();
+      }
+    } else {
+      shown = value.dump();
+    }
+    printf("%-14s %s\n", (key + ":").c_str(), shown.c_str());
+  }
+}
+
+int Run() {
+  int exitCode = cli::kExitOk;
+  bool first = true;
+  for (const std::string &image : gImages) {
+    GuessInfo info;
+    GuessResult result = Guess_Guest(image.c_str(), nullptr, &info);
+    if (result == GUESS_OPEN_FAILED) {
+      fprintf(stderr, "guestprep: %s: %s\n", image.c_str(), OpenFailure(image).c_str());
+      exitCode = cli::kExitUsage;
+    } else if (result == GUESS_NOT_RECOGNIZED && exitCode == cli::kExitOk) {
+      exitCode = cli::kExitFailure;
+    }
+    nlohmann::ordered_json record = Record(image, result, info);
+    if (gJson) {
+      puts(record.dump().c_str());
+    } else {
+      if (!first) {
+        putchar('\n');
+      }
+      PrintText(record);
+    }
+    first = false;
+  }
+  return exitCode;
+}
+
+CLI::App *Add(CLI::App &app) {
+  CLI::App *cmd = app.add_subcommand(
+      "detect",
+      "Detect the guest OS an installation image (ISO 9660 or UDF) installs. Exit 0 when every "
+      "image was recognised, 1 when one was not, 2 when one could not be opened.");
+  cmd->add_option("IMAGE", gImages, "Installation image(s)")->required();
+  cmd->add_flag("--json", gJson, "One JSON object per image, one per line");
+  return cmd;
+}
+
+}  // namespace
+
+namespace cli {
+const Command kDetectCommand{Add, Run};
+}
