@@ -1,4 +1,6 @@
 /* Compiled as C: every public header must be valid C on its own. */
+#include <guestprep/autoinstall.h>
 #include <guestprep/common.h>
+#include <guestprep/guess.h>
 
 const char *guestprep_abi_label(void) { return BRM_EMBED_LABEL; }
