@@ -24,6 +24,18 @@ using testing_support::TempDir;
 using testing_support::WriteFile;
 using Entries = std::vector<std::pair<std::string, std::string>>;
 
+// A dictionary and a message list freed on scope exit.
+struct Dict {
+  Dictionary *d = Dictionary_Create();
+  ~Dict() { Dictionary_Free(d); }
+  operator Dictionary *() const { return d; }
+};
+struct Msgs {
+  MsgList *m = nullptr;
+  ~Msgs() { MsgList_Free(m); }
+  operator MsgList *() const { return m; }
+};
+
 Entries All(Dictionary *d) {
   Entries out;
   Dictionary_Iterate(
@@ -74,13 +86,11 @@ TEST(Dictionary, LoadsWellFormedTexts) {
   };
   for (const auto &c : cases) {
     SCOPED_TRACE(c.what);
-    Dictionary *d = Dictionary_Create();
-    MsgList *msgs = nullptr;
-    EXPECT_TRUE(Dictionary_LoadFromBufferEx(d, c.text.data(), c.text.size(), &msgs));
-    EXPECT_EQ(nullptr, msgs) << English(msgs);
+    Dict d;
+    Msgs msgs;
+    EXPECT_TRUE(Dictionary_LoadFromBufferEx(d, c.text.data(), c.text.size(), &msgs.m));
+    EXPECT_EQ(nullptr, msgs.m) << English(msgs);
     EXPECT_EQ(c.want, All(d));
-    MsgList_Free(msgs);
-    Dictionary_Free(d);
   }
 }
 
@@ -107,38 +117,35 @@ TEST(Dictionary, MalformedLineFailsWholeLoadNamingTheLine) {
   };
   for (const auto &c : cases) {
     SCOPED_TRACE(c.what);
-    Dictionary *d = Dictionary_Create();
+    Dict d;
     ASSERT_TRUE(Dict_SetString(d, "kept", "before"));
-    MsgList *msgs = nullptr;
-    EXPECT_FALSE(Dictionary_LoadFromBufferEx(d, c.text.data(), c.text.size(), &msgs));
+    Msgs msgs;
+    EXPECT_FALSE(Dictionary_LoadFromBufferEx(d, c.text.data(), c.text.size(), &msgs.m));
     ASSERT_EQ(1u, MsgList_Count(msgs));
     EXPECT_NE(std::string::npos,
               English(msgs).find("in buffer at line " + std::to_string(c.line) + ":"))
         << English(msgs);
     EXPECT_EQ((Entries{{"before", "kept"}}), All(d));  // all-or-nothing
-    MsgList_Free(msgs);
-    Dictionary_Free(d);
   }
 }
 
 TEST(Dictionary, LoadWithoutListPostsToPendingMessages) {
   MsgList_Free(Msg_GetMessagesAndReset());
-  Dictionary *d = Dictionary_Create();
+  Dict d;
   EXPECT_FALSE(Dictionary_LoadFromBuffer(d, "oops\n", 5));
   MsgList *pending = Msg_GetMessagesAndReset();
   ASSERT_EQ(1u, MsgList_Count(pending));
   EXPECT_STREQ("msg.dictionary.syntaxError", pending->id);
   EXPECT_EQ("Error in buffer at line 1: missing \"=\"", English(pending));
   MsgList_Free(pending);
-  Dictionary_Free(d);
 }
 
 TEST(Dictionary, LoadsRealConfigFiles) {
-  Dictionary *d = Dictionary_Create();
-  MsgList *msgs = nullptr;
-  ASSERT_TRUE(Dictionary_LoadEx(d, (DataDir() / "dictionary/vm.brx").c_str(), &msgs))
+  Dict d;
+  Msgs msgs;
+  ASSERT_TRUE(Dictionary_LoadEx(d, (DataDir() / "dictionary/vm.brx").c_str(), &msgs.m))
       << English(msgs);
-  ASSERT_TRUE(Dictionary_LoadEx(d, (DataDir() / "dictionary/manifest.txt").c_str(), &msgs))
+  ASSERT_TRUE(Dictionary_LoadEx(d, (DataDir() / "dictionary/manifest.txt").c_str(), &msgs.m))
       << English(msgs);
   EXPECT_EQ(14 + 5, Dictionary_NumberOfEntries(d));
   char *name = Dict_GetString(d, nullptr, "%s", "displayname");
@@ -152,8 +159,6 @@ TEST(Dictionary, LoadsRealConfigFiles) {
                static_cast<const char *>(Dictionary_Get(d, "", DICT_STRING, "gh.version")));
   EXPECT_FALSE(Dict_GetBool(d, true, "hgfs.installed"));
   EXPECT_EQ(4096, *static_cast<const int32_t *>(Dictionary_Get(d, nullptr, DICT_INT, "memsize")));
-  MsgList_Free(msgs);
-  Dictionary_Free(d);
 }
 
 TEST(Dictionary, FileProblemsGiveFalseAndAMessage) {
@@ -163,45 +168,32 @@ TEST(Dictionary, FileProblemsGiveFalseAndAMessage) {
   std::filesystem::resize_file(big, DICTIONARY_MAX_FILE_SIZE + 1);  // sparse: cheap
   std::string fifo = (tmp / "fifo").string();
   ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+  std::string bad = (tmp / "m.txt").string();
+  WriteFile(bad, "a = \"1\"\nb = \"2\n");
   const struct {
-    std::string path;
-    const char *want;
+    std::string path, want;
   } cases[] = {
       {(tmp / "missing.cfg").string(), "No such file or directory"},
       {tmp.str(), "not a regular file"},
       {fifo, "not a regular file"},  // must not block waiting for a writer
       {big.string(), "larger than"},
       {"/proc/self/mem", "Cannot read file"},  // read() fails even for root
+      {bad, ("Error in file \"" + bad + "\" at line 2: unterminated quoted value")},
   };
   for (const auto &c : cases) {
     SCOPED_TRACE(c.path);
-    Dictionary *d = Dictionary_Create();
-    MsgList *msgs = nullptr;
-    EXPECT_FALSE(Dictionary_LoadEx(d, c.path.c_str(), &msgs));
+    Dict d;
+    Msgs msgs;
+    EXPECT_FALSE(Dictionary_LoadEx(d, c.path.c_str(), &msgs.m));
     std::string text = English(msgs);
     EXPECT_NE(std::string::npos, text.find(c.path)) << text;
     EXPECT_NE(std::string::npos, text.find(c.want)) << text;
     EXPECT_EQ(0, Dictionary_NumberOfEntries(d));
-    MsgList_Free(msgs);
-    Dictionary_Free(d);
   }
 }
 
-TEST(Dictionary, SyntaxErrorInFileNamesFileAndLine) {
-  TempDir tmp;
-  WriteFile(tmp / "m.txt", "a = \"1\"\nb = \"2\n");
-  Dictionary *d = Dictionary_Create();
-  MsgList *msgs = nullptr;
-  EXPECT_FALSE(Dictionary_LoadEx(d, (tmp / "m.txt").c_str(), &msgs));
-  EXPECT_EQ(
-      "Error in file \"" + (tmp / "m.txt").string() + "\" at line 2: unterminated quoted value",
-      English(msgs));
-  MsgList_Free(msgs);
-  Dictionary_Free(d);
-}
-
 TEST(Dictionary, TypedReads) {
-  Dictionary *d = Dictionary_Create();
+  Dict d;
   const char *text =
       "dec = \"42\"\nneg = \" -7 \"\nhex = \"0x1F\"\nbig = \"2147483648\"\n"
       "junk = \"12abc\"\nbare0x = \"0x\"\nyes = \"Yes\"\nmaybe = \"maybe\"\n";
@@ -227,7 +219,6 @@ TEST(Dictionary, TypedReads) {
   const bool f = false;
   EXPECT_TRUE(*static_cast<const bool *>(Dictionary_Get(d, &f, DICT_BOOL, "yes")));
   EXPECT_EQ(&f, Dictionary_Get(d, &f, DICT_BOOL, "maybe"));
-  Dictionary_Free(d);
 }
 
 TEST(Dictionary, StringToBoolTable) {
@@ -246,7 +237,7 @@ TEST(Dictionary, StringToBoolTable) {
 }
 
 TEST(Dictionary, SetAndGetFormattedNames) {
-  Dictionary *d = Dictionary_Create();
+  Dict d;
   EXPECT_TRUE(Dict_SetString(d, "1.2.3", "%s.version", "gh"));
   EXPECT_TRUE(Dict_SetBool(d, true, "%s.installed", "gh"));
   EXPECT_TRUE(Dict_SetString(d, "1.2.4", "GH.VERSION"));
@@ -262,11 +253,10 @@ TEST(Dictionary, SetAndGetFormattedNames) {
   EXPECT_FALSE(Dict_SetString(d, nullptr, "x"));
   EXPECT_EQ(7u, log.lines().size());
   EXPECT_EQ(2, Dictionary_NumberOfEntries(d));
-  Dictionary_Free(d);
 }
 
 TEST(Dictionary, IterateCountsOnlyEntriesThatContinue) {
-  Dictionary *d = Dictionary_Create();
+  Dict d;
   ASSERT_TRUE(Dictionary_LoadFromBuffer(d, "a=1\nb=2\nc=3\n", 12));
   int stopAt = 3;  // stop on the last entry: the count must still show the failure
   EXPECT_EQ(
@@ -275,7 +265,6 @@ TEST(Dictionary, IterateCountsOnlyEntriesThatContinue) {
           d, [](const char *, const char *, void *ctx) { return --*static_cast<int *>(ctx) > 0; },
           &stopAt));
   EXPECT_EQ(3, Dictionary_NumberOfEntries(d));
-  Dictionary_Free(d);
 }
 
 TEST(Dictionary, WriteRoundTripsEveryByteAndReplacesAtomically) {
@@ -284,7 +273,7 @@ TEST(Dictionary, WriteRoundTripsEveryByteAndReplacesAtomically) {
   WriteFile(path, "old = \"content\"\n");
   ASSERT_EQ(0, chmod(path.c_str(), 0640));
 
-  Dictionary *d = Dictionary_Create();
+  Dict d;
   std::string every;
   for (int c = 1; c < 256; ++c) {
     every.push_back(static_cast<char>(c));
@@ -305,12 +294,14 @@ TEST(Dictionary, WriteRoundTripsEveryByteAndReplacesAtomically) {
   }
   EXPECT_EQ(1u, files);  // no temporary left behind
 
-  Dictionary *back = Dictionary_Create();
-  MsgList *msgs = nullptr;
-  ASSERT_TRUE(Dictionary_LoadEx(back, path.c_str(), &msgs)) << English(msgs);
+  Dict back;
+  Msgs msgs;
+  ASSERT_TRUE(Dictionary_LoadEx(back, path.c_str(), &msgs.m)) << English(msgs);
   EXPECT_EQ(All(d), All(back));
-  Dictionary_Free(back);
-  Dictionary_Free(d);
+
+  LogCapture log;
+  EXPECT_FALSE(Dictionary_Write(d, (tmp / "no/such/dir/x.cfg").c_str()));
+  EXPECT_EQ(1u, log.lines().size());
 }
 
 // What a crash just before the rename would leave on disk.
@@ -320,7 +311,7 @@ TEST(Dictionary, TargetHoldsOldContentsUntilTheRename) {
   TempDir tmp;
   std::filesystem::path path = tmp / "vm.brx";
   WriteFile(path, "old = \"1\"\n");
-  Dictionary *d = Dictionary_Create();
+  Dict d;
   ASSERT_TRUE(Dict_SetString(d, "2", "new"));
   FileIO_SetAtomicCommitHook([](const char *temp, const char *final) {
     gAtCommitTemp = ReadFile(temp);
@@ -332,17 +323,6 @@ TEST(Dictionary, TargetHoldsOldContentsUntilTheRename) {
   EXPECT_EQ("old = \"1\"\n", gAtCommitTarget);
   EXPECT_EQ("new = \"2\"\n", gAtCommitTemp);
   EXPECT_EQ("new = \"2\"\n", ReadFile(path));
-  Dictionary_Free(d);
-}
-
-TEST(Dictionary, WriteIntoMissingDirectoryFailsCleanly) {
-  TempDir tmp;
-  Dictionary *d = Dictionary_Create();
-  ASSERT_TRUE(Dict_SetString(d, "1", "a"));
-  LogCapture log;
-  EXPECT_FALSE(Dictionary_Write(d, (tmp / "no/such/dir/x.cfg").c_str()));
-  EXPECT_EQ(1u, log.lines().size());
-  Dictionary_Free(d);
 }
 
 }  // namespace

@@ -23,6 +23,16 @@ using testing_support::WriteFile;
 
 namespace {
 
+// A descriptor that starts invalid and is closed on scope exit.
+struct Fd : FileIODescriptor {
+  Fd() { FileIO_Invalidate(this); }
+  ~Fd() {
+    if (FileIO_IsValid(this)) {
+      FileIO_Close(this);
+    }
+  }
+};
+
 struct OpenCase {
   const char *name;
   bool exists;
@@ -58,8 +68,7 @@ TEST(FileIO, OpenActionsCreateTruncateOrRefuse) {
     if (c.exists) {
       WriteFile(path, "old");
     }
-    FileIODescriptor fd;
-    FileIO_Invalidate(&fd);
+    Fd fd;
     EXPECT_EQ(c.expected, FileIO_Open(&fd, path.c_str(), c.access, c.action));
     EXPECT_EQ(c.expected == FILEIO_SUCCESS, FileIO_IsValid(&fd));
     if (FileIO_IsValid(&fd)) {
@@ -97,12 +106,8 @@ TEST(FileIO, RefusesDirectoriesFifosAndFinalSymlinksWithNoFollow) {
   };
   for (const Case &c : cases) {
     SCOPED_TRACE(c.path);
-    FileIODescriptor fd;
-    FileIO_Invalidate(&fd);
+    Fd fd;
     EXPECT_EQ(c.expected, FileIO_Open(&fd, c.path.c_str(), c.access, FILEIO_OPEN));
-    if (FileIO_IsValid(&fd)) {
-      FileIO_Close(&fd);
-    }
   }
   EXPECT_EQ(FILEIO_INVALID_ARGUMENT, FileIO_Open(nullptr, "x", FILEIO_OPEN_ACCESS_READ, 0));
 }
@@ -119,8 +124,7 @@ TEST(FileIO, ChunkedReadsEndWithEofAndDeliverEveryByte) {
     if (size > 0) {
       ASSERT_EQ(0, RunCommand({"openssl", "rand", "-out", path, std::to_string(size)}).exitCode);
     }
-    FileIODescriptor fd;
-    FileIO_Invalidate(&fd);
+    Fd fd;
     ASSERT_EQ(FILEIO_SUCCESS, FileIO_Open(&fd, path.c_str(), FILEIO_OPEN_ACCESS_READ, 0));
     EXPECT_EQ(size, FileIO_GetSize(&fd));
     std::string got;
@@ -153,8 +157,7 @@ TEST(FileIO, LargeReadSurvivesSignalsAndShortReads) {
   sa.sa_handler = CountAlarm;  // no SA_RESTART: interrupted reads come back short
   ASSERT_EQ(0, sigaction(SIGALRM, &sa, &old));
   struct itimerval every = {{0, 200}, {0, 200}}, off = {};
-  FileIODescriptor fd;
-  FileIO_Invalidate(&fd);
+  Fd fd;
   ASSERT_EQ(FILEIO_SUCCESS, FileIO_Open(&fd, "/dev/zero", FILEIO_OPEN_ACCESS_READ, 0));
   std::vector<char> buf(size_t{32} << 20, 'x');
   size_t actual = 0;
@@ -167,15 +170,13 @@ TEST(FileIO, LargeReadSurvivesSignalsAndShortReads) {
   EXPECT_EQ(buf.size(), actual);
   EXPECT_EQ(buf.end(), std::find(buf.begin(), buf.end(), 'x'));
   EXPECT_GT(gAlarms.load(), 0);
-  FileIO_Close(&fd);
 }
 
 TEST(FileIO, PositionedReadsReportEofAndKeepThePosition) {
   TempDir dir;
   std::string path = (dir / "f").string();
   WriteFile(path, "0123456789");
-  FileIODescriptor fd;
-  FileIO_Invalidate(&fd);
+  Fd fd;
   ASSERT_EQ(FILEIO_SUCCESS, FileIO_Open(&fd, path.c_str(), 3, FILEIO_OPEN));
   ASSERT_EQ(3, FileIO_Seek(&fd, 3, FILEIO_SEEK_BEGIN));
   struct {
@@ -200,7 +201,6 @@ TEST(FileIO, PositionedReadsReportEofAndKeepThePosition) {
   EXPECT_EQ(3, FileIO_Seek(&fd, 0, FILEIO_SEEK_CURRENT));
   EXPECT_EQ(14u, FileIO_GetSize(&fd));
   EXPECT_EQ(std::string("0123456789\0\0AB", 14), ReadFile(path));
-  FileIO_Close(&fd);
 }
 
 TEST(FileIO, SizesFailAsAllOnesAndPassFourGiB) {
@@ -210,15 +210,13 @@ TEST(FileIO, SizesFailAsAllOnesAndPassFourGiB) {
   EXPECT_EQ(5ull << 30, FileIO_GetSizeByPath(sparse.c_str()));
   EXPECT_EQ(kFileIOInvalidSize, FileIO_GetSizeByPath(dir.str().c_str()));
   EXPECT_EQ(kFileIOInvalidSize, FileIO_GetSizeByPath((dir / "none").c_str()));
-  FileIODescriptor fd;
-  FileIO_Invalidate(&fd);
+  Fd fd;
   EXPECT_EQ(UINT64_MAX, FileIO_GetSize(&fd));
   EXPECT_EQ(UINT64_MAX, FileIO_GetSize(nullptr));
 }
 
 TEST(FileIO, WriteErrorsComeBackMappedAndCloseInvalidates) {
-  FileIODescriptor fd;
-  FileIO_Invalidate(&fd);
+  Fd fd;
   ASSERT_EQ(FILEIO_SUCCESS, FileIO_Open(&fd, "/dev/full", FILEIO_OPEN_ACCESS_WRITE, 0));
   size_t actual = 1;
   EXPECT_EQ(FILEIO_WRITE_ERROR_NOSPC, FileIO_Write(&fd, "abc", 3, &actual));

@@ -1,11 +1,11 @@
 // Extraction from ISO 9660 images mastered by xorriso and genisoimage,
-// checked against osirrox's own extraction of the same images, and against
-// hostile images (patched Rock Ridge names, symlink entries) and hostile
-// host directories (planted symlinks). Every refusal must leave everything
-// outside the target directory as it was.
+// checked against osirrox's extraction of the same images, and against
+// hostile images and hostile host directories: every refusal must leave
+// everything outside the target directory as it was.
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <random>
 #include <string>
@@ -14,59 +14,16 @@
 #include <gtest/gtest.h>
 
 #include "platform/iso9660/iso9660.h"
+#include "support/imageFixtures.h"
 #include "support/testSupport.h"
-
-// Internal entry point with caller-chosen bounds (iso9660Extract.cc).
 
 namespace {
 
 namespace fs = std::filesystem;
-using testing_support::HaveTool;
-using testing_support::LogCapture;
-using testing_support::ReadFile;
-using testing_support::RunCommand;
-using testing_support::TempDir;
-using testing_support::WriteFile;
+using namespace testing_support;
 
 constexpr uint32_t kAllFormats =
     ISO9660_FORMAT_ISO | ISO9660_FORMAT_JOLIET | ISO9660_FORMAT_ROCKRIDGE;
-
-struct Volume {
-  Iso9660Volume *v = nullptr;
-  ~Volume() {
-    if (v != nullptr) {
-      Iso9660_Close(v);
-    }
-  }
-};
-
-// Everything below root (links not followed), optionally minus one subtree:
-// "d" for a directory, "f:" + bytes (or size#hash) for a file, "l:" + target
-// for a link.
-std::map<std::string, std::string> Snapshot(const fs::path &root, const fs::path &skip = {}) {
-  std::map<std::string, std::string> out;
-  for (auto it = fs::recursive_directory_iterator(root); it != fs::recursive_directory_iterator();
-       ++it) {
-    const fs::path &p = it->path();
-    if (!skip.empty() && p == skip) {
-      it.disable_recursion_pending();
-      continue;
-    }
-    std::string rel = fs::relative(p, root).string();
-    if (it->is_symlink()) {
-      out[rel] = "l:" + fs::read_symlink(p).string();
-    } else if (it->is_directory()) {
-      out[rel] = "d";
-    } else {
-      // Large files by size and hash, so a failing comparison stays readable.
-      std::string data = ReadFile(p);
-      out[rel] = data.size() <= 64 ? "f:" + data
-                                   : "f:" + std::to_string(data.size()) + "#" +
-                                         std::to_string(std::hash<std::string>{}(data));
-    }
-  }
-  return out;
-}
 
 void MakeTree(const fs::path &root) {
   std::mt19937 rng(42);
@@ -74,7 +31,6 @@ void MakeTree(const fs::path &root) {
   for (char &c : big) {
     c = static_cast<char>(rng());
   }
-  fs::create_directories(root / "sub" / "deep");
   WriteFile(root / "readme.txt", "hello\n");
   WriteFile(root / "empty", "");
   WriteFile(root / "Mixed Case Name.TXT", "mixed\n");
@@ -82,24 +38,10 @@ void MakeTree(const fs::path &root) {
   WriteFile(root / "sub" / "deep" / "f", "deep\n");
 }
 
-void Master(const std::vector<std::string> &argv) {
-  testing_support::CommandResult r = RunCommand(argv);
-  ASSERT_EQ(r.exitCode, 0) << r.output;
-}
-
-void Patch(const fs::path &image, const std::string &from, const std::string &to) {
-  ASSERT_EQ(from.size(), to.size());
-  std::string data = ReadFile(image);
-  size_t at = data.find(from);
-  ASSERT_NE(at, std::string::npos) << "pattern not in image";
-  ASSERT_EQ(data.find(from, at + 1), std::string::npos) << "pattern not unique";
-  data.replace(at, to.size(), to);
-  WriteFile(image, data);
-}
-
-// The Rock Ridge NM field of a plain name: "NM", length, version 1, flags 0.
-std::string NmField(const std::string &name) {
-  return std::string("NM") + static_cast<char>(5 + name.size()) + '\x01' + '\0' + name;
+void Osirrox(const fs::path &image, const std::string &path, const fs::path &target) {
+  CommandResult r =
+      RunCommand({"osirrox", "-indev", image.string(), "-extract", path, target.string()});
+  ASSERT_EQ(0, r.exitCode) << r.output;
 }
 
 bool HasTempResidue(const fs::path &root) {
@@ -133,17 +75,24 @@ class Iso9660ExtractTest : public ::testing::Test {
   fs::path outside() const { return tmp_ / "outside"; }
   fs::path image() const { return tmp_ / "image.iso"; }
 
-  void Open(uint32_t formats = kAllFormats) {
+  // Masters tmp/tree (the standard one unless made already) and opens it.
+  void MasterAndOpen(const std::vector<std::string> &options = {"-R"},
+                     const std::string &tool = "xorriso", uint32_t formats = kAllFormats) {
+    if (!fs::exists(tmp_ / "tree")) {
+      MakeTree(tmp_ / "tree");
+    }
+    ASSERT_NO_FATAL_FAILURE(Master(tool, options, image(), tmp_ / "tree"));
     ASSERT_EQ(Iso9660_Open(image().c_str(), formats, &vol_.v), ISO9660_OK);
   }
 
   TempDir tmp_;
-  Volume vol_;
+  IsoVolume vol_;
 };
 
 struct MasterCase {
   const char *label;
-  std::vector<std::string> tool;  // mastering command without -o and the tree
+  const char *tool;
+  std::vector<std::string> options;
   uint32_t formats;
 };
 
@@ -153,31 +102,20 @@ class Iso9660ExtractMatchTest : public Iso9660ExtractTest,
 // The tree, one subtree and one file, each against osirrox on the same image.
 TEST_P(Iso9660ExtractMatchTest, MatchesOsirrox) {
   const MasterCase &c = GetParam();
-  if (!HaveTool(c.tool[0])) {
-    GTEST_SKIP() << c.tool[0] << " not installed";
+  if (!HaveTool(c.tool)) {
+    GTEST_SKIP() << c.tool << " not installed";
   }
-  MakeTree(tmp_ / "tree");
-  std::vector<std::string> argv = c.tool;
-  argv.insert(argv.end(), {"-o", image().string(), (tmp_ / "tree").string()});
-  Master(argv);
-  Open(c.formats);
-
-  struct Extraction {
-    const char *path;
-    const char *osirroxTarget;  // below ref/, where osirrox puts the same thing
-  };
+  ASSERT_NO_FATAL_FAILURE(MasterAndOpen(c.options, c.tool, c.formats));
   int n = 0;
-  for (const Extraction &x :
-       {Extraction{"/", ""}, Extraction{"/sub", ""}, Extraction{"/sub/big.bin", "big.bin"}}) {
-    SCOPED_TRACE(x.path);
+  for (const auto &[path, osirroxTarget] :  // where osirrox puts the same thing, below ref
+       {std::pair{"/", ""}, std::pair{"/sub", ""}, std::pair{"/sub/big.bin", "big.bin"}}) {
+    SCOPED_TRACE(path);
     // Fresh directories each time: osirrox leaves Joliet trees read-only.
-    fs::path mine = tmp_ / ("mine" + std::to_string(n));
-    fs::path ref = tmp_ / ("ref" + std::to_string(n++));
+    fs::path mine = tmp_ / ("mine" + std::to_string(n)), ref = tmp_ / ("ref" + std::to_string(n++));
     fs::create_directories(mine);
     fs::create_directories(ref);
-    ASSERT_EQ(Iso9660_Extract(vol_.v, x.path, mine.c_str()), ISO9660_OK);
-    Master({"osirrox", "-indev", image().string(), "-extract", x.path,
-            (ref / x.osirroxTarget).string()});
+    ASSERT_EQ(Iso9660_Extract(vol_, path, mine.c_str()), ISO9660_OK);
+    Osirrox(image(), path, ref / osirroxTarget);
     auto expected = Snapshot(ref);
     EXPECT_GE(expected.size(), 1u);
     EXPECT_EQ(Snapshot(mine), expected);
@@ -187,46 +125,37 @@ TEST_P(Iso9660ExtractMatchTest, MatchesOsirrox) {
 INSTANTIATE_TEST_SUITE_P(
     Masters, Iso9660ExtractMatchTest,
     ::testing::Values(
-        MasterCase{
-            "XorrisoRockRidgeJoliet", {"xorriso", "-as", "mkisofs", "-R", "-J"}, kAllFormats},
-        MasterCase{"XorrisoJolietOnly",
-                   {"xorriso", "-as", "mkisofs", "--norock", "-J"},
-                   ISO9660_FORMAT_JOLIET},
-        MasterCase{"GenisoimageRockRidge", {"genisoimage", "-quiet", "-R"}, kAllFormats}),
-    [](const ::testing::TestParamInfo<MasterCase> &info) { return info.param.label; });
+        MasterCase{"XorrisoRockRidgeJoliet", "xorriso", {"-R", "-J"}, kAllFormats},
+        MasterCase{"XorrisoJolietOnly", "xorriso", {"--norock", "-J"}, ISO9660_FORMAT_JOLIET},
+        MasterCase{"GenisoimageRockRidge", "genisoimage", {"-R"}, kAllFormats}),
+    LabelName());
 
 TEST_F(Iso9660ExtractTest, ModesAreNormalised) {
-  fs::create_directories(tmp_ / "tree" / "d");
   WriteFile(tmp_ / "tree" / "suid", "x");
   WriteFile(tmp_ / "tree" / "private", "y");
+  fs::create_directories(tmp_ / "tree" / "d");
   chmod((tmp_ / "tree" / "suid").c_str(), 04755);
   chmod((tmp_ / "tree" / "private").c_str(), 0600);
   chmod((tmp_ / "tree" / "d").c_str(), 0700);
-  Master({"xorriso", "-as", "mkisofs", "-R", "-o", image().string(), (tmp_ / "tree").string()});
-  Open();
-  ASSERT_EQ(Iso9660_Extract(vol_.v, "/", out().c_str()), ISO9660_OK);
-  auto mode = [](const fs::path &p) {
+  ASSERT_NO_FATAL_FAILURE(MasterAndOpen());
+  ASSERT_EQ(Iso9660_Extract(vol_, "/", out().c_str()), ISO9660_OK);
+  for (const auto &[name, mode] : {std::pair{"suid", 0755u}, {"private", 0644u}, {"d", 0755u}}) {
     struct stat st;
-    EXPECT_EQ(lstat(p.c_str(), &st), 0);
-    return st.st_mode & 07777;
-  };
-  EXPECT_EQ(mode(out() / "suid"), 0755u);
-  EXPECT_EQ(mode(out() / "private"), 0644u);
-  EXPECT_EQ(mode(out() / "d"), 0755u);
+    ASSERT_EQ(lstat((out() / name).c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, mode) << name;
+  }
 }
 
 // Callers re-extract over an earlier run: stale files are replaced, files
 // the image does not name stay, no temporaries are left.
 TEST_F(Iso9660ExtractTest, ReExtractionReplacesEarlierRun) {
-  MakeTree(tmp_ / "tree");
-  Master({"xorriso", "-as", "mkisofs", "-R", "-o", image().string(), (tmp_ / "tree").string()});
-  Open();
-  ASSERT_EQ(Iso9660_Extract(vol_.v, "/", out().c_str()), ISO9660_OK);
+  ASSERT_NO_FATAL_FAILURE(MasterAndOpen());
+  ASSERT_EQ(Iso9660_Extract(vol_, "/", out().c_str()), ISO9660_OK);
   auto first = Snapshot(out());
   WriteFile(out() / "readme.txt", "stale, and longer than the original\n");
   WriteFile(out() / "sub" / "deep" / "f", "");
   WriteFile(out() / "sub" / "keep.txt", "mine\n");
-  ASSERT_EQ(Iso9660_Extract(vol_.v, "/", out().c_str()), ISO9660_OK);
+  ASSERT_EQ(Iso9660_Extract(vol_, "/", out().c_str()), ISO9660_OK);
   auto second = Snapshot(out());
   EXPECT_EQ(second["sub/keep.txt"], "f:mine\n");
   second.erase("sub/keep.txt");
@@ -239,7 +168,6 @@ struct HostTrap {
   const char *imagePath;  // what is extracted
   const char *planted;    // name below out/ that is planted
   enum { kLinkToFile, kLinkToDir, kDirectory } kind;
-  const char *logNeedle;
 };
 
 class Iso9660ExtractHostTrapTest : public Iso9660ExtractTest,
@@ -248,45 +176,56 @@ class Iso9660ExtractHostTrapTest : public Iso9660ExtractTest,
 // A host entry in the place of an image entry is never followed or replaced.
 TEST_P(Iso9660ExtractHostTrapTest, RefusedAndOutsideUntouched) {
   const HostTrap &c = GetParam();
-  MakeTree(tmp_ / "tree");
-  Master({"xorriso", "-as", "mkisofs", "-R", "-o", image().string(), (tmp_ / "tree").string()});
-  Open();
+  ASSERT_NO_FATAL_FAILURE(MasterAndOpen());
   WriteFile(outside() / "target.txt", "outside\n");
   fs::create_directories(outside() / "dir");
-  switch (c.kind) {
-    case HostTrap::kLinkToFile:
-      fs::create_symlink(outside() / "target.txt", out() / c.planted);
-      break;
-    case HostTrap::kLinkToDir:
-      fs::create_symlink(outside() / "dir", out() / c.planted);
-      break;
-    case HostTrap::kDirectory:
-      fs::create_directories(out() / c.planted);
-      break;
+  if (c.kind == HostTrap::kDirectory) {
+    fs::create_directories(out() / c.planted);
+  } else {
+    fs::create_symlink(outside() / (c.kind == HostTrap::kLinkToDir ? "dir" : "target.txt"),
+                       out() / c.planted);
   }
   auto before = Snapshot(tmp_.path());
   LogCapture log;
-  EXPECT_EQ(Iso9660_Extract(vol_.v, c.imagePath, out().c_str()), ISO9660_ERR_UNSAFE);
-  EXPECT_TRUE(log.contains(c.logNeedle)) << log.all();
+  EXPECT_EQ(Iso9660_Extract(vol_, c.imagePath, out().c_str()), ISO9660_ERR_UNSAFE);
+  EXPECT_TRUE(log.contains(c.planted)) << log.all();
   EXPECT_EQ(Snapshot(tmp_.path()), before);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Traps, Iso9660ExtractHostTrapTest,
     ::testing::Values(
-        HostTrap{"FileOverLinkInTree", "/", "readme.txt", HostTrap::kLinkToFile, "readme.txt"},
-        HostTrap{"FileOverLinkAlone", "/readme.txt", "readme.txt", HostTrap::kLinkToFile,
-                 "readme.txt"},
-        HostTrap{"DirOverLink", "/", "sub", HostTrap::kLinkToDir, "sub"},
-        HostTrap{"FileOverLinkToDir", "/sub/big.bin", "big.bin", HostTrap::kLinkToDir, "big.bin"},
-        HostTrap{"FileOverDirectory", "/", "readme.txt", HostTrap::kDirectory, "readme.txt"}),
-    [](const ::testing::TestParamInfo<HostTrap> &info) { return info.param.label; });
+        HostTrap{"FileOverLinkInTree", "/", "readme.txt", HostTrap::kLinkToFile},
+        HostTrap{"FileOverLinkAlone", "/readme.txt", "readme.txt", HostTrap::kLinkToFile},
+        HostTrap{"DirOverLink", "/", "sub", HostTrap::kLinkToDir},
+        HostTrap{"FileOverLinkToDir", "/sub/big.bin", "big.bin", HostTrap::kLinkToDir},
+        HostTrap{"FileOverDirectory", "/", "readme.txt", HostTrap::kDirectory}),
+    LabelName());
+
+// Swaps a unique run of image bytes for another of the same length.
+std::function<void(std::string &)> Swap(const std::string &from, const std::string &to) {
+  return [=](std::string &data) {
+    ASSERT_EQ(from.size(), to.size());
+    size_t at = data.find(from);
+    ASSERT_NE(at, std::string::npos) << "pattern not in image";
+    ASSERT_EQ(data.find(from, at + 1), std::string::npos) << "pattern not unique";
+    data.replace(at, to.size(), to);
+  };
+}
+
+// Swaps one Rock Ridge name (NM field: "NM", length, version 1, flags 0) for another.
+std::function<void(std::string &)> Rename(const std::string &from, const std::string &to) {
+  auto nm = [](const std::string &name) {
+    return std::string("NM") + static_cast<char>(5 + name.size()) + '\x01' + '\0' + name;
+  };
+  return Swap(nm(from), nm(to));
+}
 
 struct HostileImage {
   const char *label;
-  std::vector<std::string> files;    // planted below the tree (before "aaa" and "sub/aaa")
-  std::string from, to;              // patched image bytes (same length), or none
+  std::vector<std::string> files;    // planted below the tree (after "aaa_good.txt" in each dir)
   std::vector<std::string> symlink;  // name, target: a Rock Ridge symlink entry
+  std::function<void(std::string &)> patch;
   Iso9660Result expected;
   const char *logNeedle;
 };
@@ -298,7 +237,6 @@ class Iso9660ExtractHostileTest : public Iso9660ExtractTest,
 TEST_P(Iso9660ExtractHostileTest, RefusedWithNothingWritten) {
   const HostileImage &c = GetParam();
   fs::path tree = tmp_ / "tree";
-  fs::create_directories(tree / "sub");
   WriteFile(tree / "aaa_good.txt", "good\n");
   WriteFile(tree / "sub" / "aaa_good.txt", "good\n");
   for (const std::string &f : c.files) {
@@ -307,87 +245,74 @@ TEST_P(Iso9660ExtractHostileTest, RefusedWithNothingWritten) {
   if (!c.symlink.empty()) {
     fs::create_symlink(c.symlink[1], tree / c.symlink[0]);
   }
-  Master({"xorriso", "-as", "mkisofs", "-R", "-o", image().string(), tree.string()});
-  if (!c.from.empty()) {
-    Patch(image(), c.from, c.to);
+  ASSERT_NO_FATAL_FAILURE(Master("xorriso", {"-R"}, image(), tree));
+  if (c.patch) {
+    std::string data = ReadFile(image());
+    ASSERT_NO_FATAL_FAILURE(c.patch(data));
+    WriteFile(image(), data);
   }
-  Open(ISO9660_FORMAT_ROCKRIDGE);
+  ASSERT_EQ(Iso9660_Open(image().c_str(), ISO9660_FORMAT_ROCKRIDGE, &vol_.v), ISO9660_OK);
   auto before = Snapshot(tmp_.path());
   LogCapture log;
-  EXPECT_EQ(Iso9660_Extract(vol_.v, "/", out().c_str()), c.expected);
+  EXPECT_EQ(Iso9660_Extract(vol_, "/", out().c_str()), c.expected);
   EXPECT_TRUE(log.contains(c.logNeedle)) << log.all();
   EXPECT_EQ(Snapshot(tmp_.path()), before);
   EXPECT_TRUE(fs::is_empty(out()));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Images, Iso9660ExtractHostileTest,
-    ::testing::Values(
-        // The reader already refuses these names as corrupt records; the
-        // extraction's own name check stands behind it.
-        HostileImage{"NameDotDot",
-                     {"sub/Qz"},
-                     NmField("Qz"),
-                     NmField(".."),
-                     {},
-                     ISO9660_ERR_CORRUPT,
-                     "\"..\""},
-        HostileImage{
-            "NameDot", {"sub/Q"}, NmField("Q"), NmField("."), {}, ISO9660_ERR_CORRUPT, "\".\""},
-        HostileImage{"NameWithSlashes",
-                     {"sub/qa1234567"},
-                     NmField("qa1234567"),
-                     NmField("a/../../x"),
-                     {},
-                     ISO9660_ERR_CORRUPT,
-                     "a/../../x"},
-        HostileImage{"DuplicateName",
-                     {"sub/dupname1", "sub/dupname2"},
-                     NmField("dupname2"),
-                     NmField("dupname1"),
-                     {},
-                     ISO9660_ERR_UNSAFE,
-                     "duplicate name"},
-        HostileImage{"SymlinkAbsolute",
-                     {},
-                     "",
-                     "",
-                     {"sub/zlink", "/etc/passwd"},
-                     ISO9660_ERR_UNSAFE,
-                     "zlink"},
-        HostileImage{
-            "SymlinkRelative", {}, "", "", {"sub/zlink", "../../x"}, ISO9660_ERR_UNSAFE, "zlink"}),
-    [](const ::testing::TestParamInfo<HostileImage> &info) { return info.param.label; });
-
 // A subdirectory record pointing back at the root would make the tree
 // infinite (and exponential with two of them).
-TEST_F(Iso9660ExtractTest, DirectoryLoopFailsCleanly) {
-  fs::create_directories(tmp_ / "tree" / "loopdir");
-  WriteFile(tmp_ / "tree" / "loopdir" / "f", "f\n");
-  Master({"xorriso", "-as", "mkisofs", "-R", "-o", image().string(), (tmp_ / "tree").string()});
-  std::string data = ReadFile(image());
+void LoopToRoot(std::string &data) {
   constexpr size_t kRootRecord = 16 * 2048 + 156;  // in the primary volume descriptor
   size_t name = data.find("\x07LOOPDIR");          // length byte, then the primary name
   ASSERT_NE(name, std::string::npos);
   ASSERT_EQ(data.find("\x07LOOPDIR", name + 1), std::string::npos);
   data.replace(name - 32 + 2, 8, data.substr(kRootRecord + 2, 8));  // both-endian extent
-  WriteFile(image(), data);
-  Open();
-  auto before = Snapshot(tmp_.path());
-  LogCapture log;
-  EXPECT_EQ(Iso9660_Extract(vol_.v, "/", out().c_str()), ISO9660_ERR_CORRUPT);
-  EXPECT_TRUE(log.contains("directory loop at \"/loopdir\"")) << log.all();
-  EXPECT_EQ(Snapshot(tmp_.path()), before);
 }
+
+// The reader already refuses the bad names as corrupt records; the
+// extraction's own name check stands behind it.
+INSTANTIATE_TEST_SUITE_P(
+    Images, Iso9660ExtractHostileTest,
+    ::testing::Values(
+        HostileImage{
+            "NameDotDot", {"sub/Qz"}, {}, Rename("Qz", ".."), ISO9660_ERR_CORRUPT, "\"..\""},
+        HostileImage{"NameDot", {"sub/Q"}, {}, Rename("Q", "."), ISO9660_ERR_CORRUPT, "\".\""},
+        HostileImage{"NameWithSlashes",
+                     {"sub/qa1234567"},
+                     {},
+                     Rename("qa1234567", "a/../../x"),
+                     ISO9660_ERR_CORRUPT,
+                     "a/../../x"},
+        HostileImage{"DuplicateName",
+                     {"sub/dupname1", "sub/dupname2"},
+                     {},
+                     Rename("dupname2", "dupname1"),
+                     ISO9660_ERR_UNSAFE,
+                     "duplicate name"},
+        HostileImage{"SymlinkAbsolute",
+                     {},
+                     {"sub/zlink", "/etc/passwd"},
+                     nullptr,
+                     ISO9660_ERR_UNSAFE,
+                     "zlink"},
+        HostileImage{
+            "SymlinkRelative", {}, {"sub/zlink", "../../x"}, nullptr, ISO9660_ERR_UNSAFE, "zlink"},
+        HostileImage{"DirectoryLoop",
+                     {"loopdir/f"},
+                     {},
+                     LoopToRoot,
+                     ISO9660_ERR_CORRUPT,
+                     "directory loop at \"/loopdir\""}),
+    LabelName());
 
 TEST_F(Iso9660ExtractTest, SymlinkEntryRefusedWhenNamedDirectly) {
   fs::create_directories(tmp_ / "tree");
   fs::create_symlink("/etc/passwd", tmp_ / "tree" / "passwd");
-  Master({"xorriso", "-as", "mkisofs", "-R", "-o", image().string(), (tmp_ / "tree").string()});
-  Open();
+  ASSERT_NO_FATAL_FAILURE(MasterAndOpen());
   LogCapture log;
-  EXPECT_EQ(Iso9660_Extract(vol_.v, "/passwd", out().c_str()), ISO9660_ERR_UNSAFE);
-  EXPECT_EQ(Iso9660_ExtractFileEx(vol_.v, "/passwd", (out() / "p").c_str()), ISO9660_ERR_UNSAFE);
+  EXPECT_EQ(Iso9660_Extract(vol_, "/passwd", out().c_str()), ISO9660_ERR_UNSAFE);
+  EXPECT_EQ(Iso9660_ExtractFileEx(vol_, "/passwd", (out() / "p").c_str()), ISO9660_ERR_UNSAFE);
   EXPECT_TRUE(log.contains("/passwd")) << log.all();
   EXPECT_TRUE(fs::is_empty(out()));
 }
@@ -403,11 +328,9 @@ class Iso9660ExtractLimitTest : public Iso9660ExtractTest,
 
 TEST_P(Iso9660ExtractLimitTest, FailsCleanly) {
   const LimitCase &c = GetParam();
-  MakeTree(tmp_ / "tree");
-  Master({"xorriso", "-as", "mkisofs", "-R", "-o", image().string(), (tmp_ / "tree").string()});
-  Open();
+  ASSERT_NO_FATAL_FAILURE(MasterAndOpen());
   LogCapture log;
-  EXPECT_EQ(Iso9660_ExtractWithLimits(vol_.v, c.path, out().c_str(), &c.limits), ISO9660_ERR_LIMIT);
+  EXPECT_EQ(Iso9660_ExtractWithLimits(vol_, c.path, out().c_str(), &c.limits), ISO9660_ERR_LIMIT);
   EXPECT_EQ(log.lines().size(), 1u) << log.all();
   EXPECT_TRUE(fs::is_empty(out()));
 }
@@ -418,30 +341,29 @@ INSTANTIATE_TEST_SUITE_P(
                       LimitCase{"Depth", {1, 1000, 1ULL << 30}, "/"},
                       LimitCase{"BytesOfTree", {64, 1000, 1'000'000}, "/"},
                       LimitCase{"BytesOfFile", {64, 1000, 2'999'999}, "/sub/big.bin"}),
-    [](const ::testing::TestParamInfo<LimitCase> &info) { return info.param.label; });
+    LabelName());
 
 TEST_F(Iso9660ExtractTest, BadArgumentsAndHostDirs) {
-  MakeTree(tmp_ / "tree");
-  Master({"xorriso", "-as", "mkisofs", "-R", "-o", image().string(), (tmp_ / "tree").string()});
-  Open();
+  ASSERT_NO_FATAL_FAILURE(MasterAndOpen());
   WriteFile(tmp_ / "plain", "x");
   struct Case {
+    Iso9660Volume *vol;
     const char *path;
     fs::path hostDir;
     Iso9660Result expected;
   } cases[] = {
-      {"/", tmp_ / "missing", ISO9660_ERR_HOST},
-      {"/", tmp_ / "plain", ISO9660_ERR_HOST},
-      {"/no/such", out(), ISO9660_ERR_NOT_FOUND},
+      {vol_, "/", tmp_ / "missing", ISO9660_ERR_HOST},
+      {vol_, "/", tmp_ / "plain", ISO9660_ERR_HOST},
+      {vol_, "/no/such", out(), ISO9660_ERR_NOT_FOUND},
+      {nullptr, "/", out(), ISO9660_ERR_INVALID_ARG},
+      {vol_, nullptr, out(), ISO9660_ERR_INVALID_ARG},
   };
   for (const Case &c : cases) {
     LogCapture log;
-    EXPECT_EQ(Iso9660_Extract(vol_.v, c.path, c.hostDir.c_str()), c.expected) << c.hostDir;
+    EXPECT_EQ(Iso9660_Extract(c.vol, c.path, c.hostDir.c_str()), c.expected) << c.hostDir;
     EXPECT_FALSE(log.lines().empty());
   }
-  EXPECT_EQ(Iso9660_Extract(nullptr, "/", out().c_str()), ISO9660_ERR_INVALID_ARG);
-  EXPECT_EQ(Iso9660_Extract(vol_.v, nullptr, out().c_str()), ISO9660_ERR_INVALID_ARG);
-  EXPECT_EQ(Iso9660_Extract(vol_.v, "/", nullptr), ISO9660_ERR_INVALID_ARG);
+  EXPECT_EQ(Iso9660_Extract(vol_, "/", nullptr), ISO9660_ERR_INVALID_ARG);
   EXPECT_TRUE(fs::is_empty(out()));
 }
 
@@ -457,37 +379,26 @@ class Iso9660ExtractFileExTest : public Iso9660ExtractTest,
 
 TEST_P(Iso9660ExtractFileExTest, WritesOrRefuses) {
   const FileExCase &c = GetParam();
-  MakeTree(tmp_ / "tree");
-  Master(
-      {"xorriso", "-as", "mkisofs", "-R", "-J", "-o", image().string(), (tmp_ / "tree").string()});
-  Open();
+  ASSERT_NO_FATAL_FAILURE(MasterAndOpen({"-R", "-J"}));
   WriteFile(outside() / "target.txt", "outside\n");
   fs::path target = out() / "manifest.txt.iso.shipped";
-  switch (c.target) {
-    case FileExCase::kNone:
-      break;
-    case FileExCase::kRegular:
-      WriteFile(target, "old manifest, longer than the new one by far\n");
-      break;
-    case FileExCase::kDirectory:
-      fs::create_directories(target);
-      break;
-    case FileExCase::kLink:
-      fs::create_symlink(outside() / "target.txt", target);
-      break;
-    case FileExCase::kNoParent:
-      target = out() / "nodir" / "manifest.txt";
-      break;
+  if (c.target == FileExCase::kRegular) {
+    WriteFile(target, "old manifest, longer than the new one by far\n");
+  } else if (c.target == FileExCase::kDirectory) {
+    fs::create_directories(target);
+  } else if (c.target == FileExCase::kLink) {
+    fs::create_symlink(outside() / "target.txt", target);
+  } else if (c.target == FileExCase::kNoParent) {
+    target = out() / "nodir" / "manifest.txt";
   }
   auto outsideBefore = Snapshot(tmp_.path(), out());
   auto outBefore = Snapshot(out());
   LogCapture log;
-  EXPECT_EQ(Iso9660_ExtractFileEx(vol_.v, c.imagePath, target.c_str()), c.expected);
+  EXPECT_EQ(Iso9660_ExtractFileEx(vol_, c.imagePath, target.c_str()), c.expected);
   EXPECT_EQ(Snapshot(tmp_.path(), out()), outsideBefore);
   EXPECT_FALSE(HasTempResidue(out()));
   if (c.expected == ISO9660_OK) {
-    Master(
-        {"osirrox", "-indev", image().string(), "-extract", c.imagePath, (tmp_ / "ref").string()});
+    Osirrox(image(), c.imagePath, tmp_ / "ref");
     EXPECT_EQ(ReadFile(target), ReadFile(tmp_ / "ref"));
     EXPECT_TRUE(log.lines().empty()) << log.all();
   } else {
@@ -507,6 +418,6 @@ INSTANTIATE_TEST_SUITE_P(
         FileExCase{"MissingParent", "/readme.txt", FileExCase::kNoParent, ISO9660_ERR_HOST},
         FileExCase{"ImageDirectory", "/sub", FileExCase::kNone, ISO9660_ERR_INVALID_ARG},
         FileExCase{"ImageMissing", "/nothing", FileExCase::kNone, ISO9660_ERR_NOT_FOUND}),
-    [](const ::testing::TestParamInfo<FileExCase> &info) { return info.param.label; });
+    LabelName());
 
 }  // namespace

@@ -1,7 +1,6 @@
-// Broken and hostile UDF images: real genisoimage images patched in place
-// (descriptor tags recomputed so the damage reaches the deeper checks) and
-// hand-built ones. Each must give null/false and one log line, never a
-// crash or a hang.
+// Broken UDF images: genisoimage images patched in place (tags recomputed
+// so the damage reaches the deeper checks) and hand-built ones. Each must
+// give null/false and one log line, never a crash or a hang.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -11,8 +10,9 @@
 #include "platform/log/log.h"
 #include "platform/udf/udf.h"
 #include "platform/udf/udfFormat.h"
-#include "support/udfImageBuilder.h"
+#include "support/imageFixtures.h"
 #include "support/testSupport.h"
+#include "support/udfImageBuilder.h"
 
 using namespace testing_support;
 using gp::udf::ImageBuilder;
@@ -200,20 +200,21 @@ class UdfHostile : public ::testing::TestWithParam<Case> {
     }
   }
   static void TearDownTestSuite() { delete image_; }
+  void SetUp() override {
+    if (image_ == nullptr) {
+      GTEST_SKIP() << "genisoimage not installed";
+    }
+  }
   static std::string *image_;
 };
 std::string *UdfHostile::image_ = nullptr;
 
 TEST_P(UdfHostile, FailsCleanlyWithOneLogLine) {
-  if (image_ == nullptr) {
-    GTEST_SKIP() << "genisoimage not installed";
-  }
   const Case &c = GetParam();
   std::string img = *image_;
   c.patch(img);
-  std::span<const uint8_t> bytes(reinterpret_cast<const uint8_t *>(img.data()), img.size());
   LogCapture log;
-  UDFVolume *vol = UDF_OpenReader(gp::MakeMemoryImageReader(bytes));
+  UDFVolume *vol = UDF_OpenReader(MemoryReader(img));
   if (c.failsAt == kOpen) {
     EXPECT_EQ(vol, nullptr);
   } else {
@@ -230,22 +231,12 @@ TEST_P(UdfHostile, FailsCleanlyWithOneLogLine) {
   EXPECT_TRUE(log.contains(c.log)) << log.all();
 }
 
-INSTANTIATE_TEST_SUITE_P(Patched, UdfHostile, ::testing::ValuesIn(kCases), [](const auto &info) {
-  std::string name;
-  for (const char *p = info.param.label; *p; ++p) {
-    name += isalnum(static_cast<unsigned char>(*p)) ? *p : '_';
-  }
-  return name;
-});
+INSTANTIATE_TEST_SUITE_P(Patched, UdfHostile, ::testing::ValuesIn(kCases), LabelName());
 
-TEST(UdfHostileAnchor, BackupAnchorStandsInForABrokenMain) {
-  if (!HaveTool("genisoimage")) {
-    GTEST_SKIP() << "genisoimage not installed";
-  }
-  std::string img = MakeImage();
+TEST_F(UdfHostile, BackupAnchorStandsInForABrokenMain) {
+  std::string img = *image_;
   At(img, 256 * kBs)[4] ^= 0xFF;
-  std::span<const uint8_t> bytes(reinterpret_cast<const uint8_t *>(img.data()), img.size());
-  UDFVolume *vol = UDF_OpenReader(gp::MakeMemoryImageReader(bytes));
+  UDFVolume *vol = UDF_OpenReader(MemoryReader(img));
   ASSERT_NE(vol, nullptr);
   UDFFile *f = UDF_OpenFile(vol, nullptr, "Sub/Deeper/big.bin");
   EXPECT_NE(f, nullptr);
@@ -303,11 +294,8 @@ void Walk(UDFVolume *vol, UDFDir *dir, int depth, int *budget) {
 
 // Damage anywhere in the metadata, with tags made valid again so it gets
 // past the checksums: never a crash (under the sanitizers), never a hang.
-TEST(UdfHostileSweep, RandomDamageWithValidTags) {
-  if (!HaveTool("genisoimage")) {
-    GTEST_SKIP() << "genisoimage not installed";
-  }
-  const std::string base = MakeImage();
+TEST_F(UdfHostile, SweepRandomDamageWithValidTags) {
+  const std::string &base = *image_;
   std::string probe = base;
   std::vector<size_t> tags;
   for (uint16_t id : {1, 2, 5, 6, 8, 256, 261}) {
@@ -326,8 +314,7 @@ TEST(UdfHostileSweep, RandomDamageWithValidTags) {
       At(img, off + 16 + rng() % (kBs - 16))[0] = static_cast<uint8_t>(rng());
     }
     Retag(img, off);
-    std::span<const uint8_t> bytes(reinterpret_cast<const uint8_t *>(img.data()), img.size());
-    if (UDFVolume *vol = UDF_OpenReader(gp::MakeMemoryImageReader(bytes))) {
+    if (UDFVolume *vol = UDF_OpenReader(MemoryReader(img))) {
       ++opened;
       if (UDFDir *root = UDF_OpenDir(vol, nullptr, "")) {
         int budget = 1000;
@@ -341,36 +328,14 @@ TEST(UdfHostileSweep, RandomDamageWithValidTags) {
   EXPECT_GT(opened, 0);
 }
 
-// A reader that fails from its nth call on: every stage of opening and
-// reading meets an I/O error at some point.
-class FailingReader : public gp::ImageReader {
- public:
-  FailingReader(std::unique_ptr<gp::ImageReader> inner, int okCalls)
-      : inner_(std::move(inner)), left_(okCalls) {}
-  bool ReadAt(uint64_t offset, void *buf, size_t len) override {
-    return left_-- > 0 && inner_->ReadAt(offset, buf, len);
-  }
-  uint64_t Size() const override { return inner_->Size(); }
-
- private:
-  std::unique_ptr<gp::ImageReader> inner_;
-  int left_;
-};
-
-TEST(UdfHostileSweep, IoErrorsAtEveryRead) {
-  if (!HaveTool("genisoimage")) {
-    GTEST_SKIP() << "genisoimage not installed";
-  }
-  const std::string img = MakeImage();
-  std::span<const uint8_t> bytes(reinterpret_cast<const uint8_t *>(img.data()), img.size());
+TEST_F(UdfHostile, SweepIoErrorsAtEveryRead) {
   // Some failures read as "not UDF", which is a verbose line.
   int previous = Log_SetMaxLevel(LOG_LEVEL_VERBOSE);
   for (int ok = 0;; ++ok) {
     ASSERT_LT(ok, 1000);
     LogCapture log;
     size_t failures = 0;
-    UDFVolume *vol =
-        UDF_OpenReader(std::make_unique<FailingReader>(gp::MakeMemoryImageReader(bytes), ok));
+    UDFVolume *vol = UDF_OpenReader(std::make_unique<FailingReader>(MemoryReader(*image_), ok));
     UDFFile *f = vol != nullptr ? UDF_OpenFile(vol, nullptr, "Sub/Deeper/big.bin") : nullptr;
     char buf[5000];
     bool read = f != nullptr && UDF_PReadFile(f, buf, 0, sizeof buf);

@@ -1,21 +1,11 @@
-/*
- * A minimal UDF image, assembled descriptor by descriptor, for tests and
- * benchmarks that need structures no mastering tool here writes in a small
- * image (files over 4 GiB, long, extended and embedded allocation
- * descriptors, continuation extents, a metadata partition). Header-only and
- * not part of the library.
- *
- * The image is sparse: only the blocks written are stored, every other byte
- * reads as zero, so a 6 GiB image costs a few kilobytes.
- *
- * Layout (2048-byte blocks): recognition sequence at 16-18, main volume
- * descriptors at 32 (primary, partition, logical volume, terminator), a
- * reserve copy at 48, anchors at 256 and at the last block, the partition
- * from kPartStart. The file set descriptor is block 0 of the file-system
- * partition and the root directory's entry is block 1. With a metadata
- * partition, file-system block k is physical block kMetaStart + k, described
- * by a metadata file whose entry is at physical block kMetaFile.
- */
+// A minimal sparse UDF image built descriptor by descriptor, for structures
+// no tool here writes in a small image (files over 4 GiB, long, extended and
+// embedded descriptors, continuation extents, a metadata partition). Blocks
+// not written read as zero. Layout (2048-byte blocks): recognition sequence
+// at 16-18, volume descriptors at 32 and a reserve copy at 48, anchors at 256
+// and the last block, the partition from kPartStart; file set descriptor at
+// file-system block 0, root entry at 1. With a metadata partition,
+// file-system block k is physical block kMetaStart + k.
 #ifndef GUESTPREP_TESTS_UDFIMAGEBUILDER_H
 #define GUESTPREP_TESTS_UDFIMAGEBUILDER_H
 
