@@ -189,8 +189,22 @@ GUESTPREP_API bool Guess_FileExistsWithPrefix(GuessMedium *medium, const char *d
                                               const char *prefix);
 
 /* Detectors, in the order Guess_Guest runs them. */
+GUESTPREP_API bool Guess_WindowsNT(GuessMedium *medium, GuessInfo *info);
+GUESTPREP_API bool Guess_WindowsLegacy(GuessMedium *medium, GuessInfo *info);
+GUESTPREP_API bool Guess_WindowsVistaAndNewer(GuessMedium *medium, GuessInfo *info);
 GUESTPREP_API bool Guess_RedHat(GuessMedium *medium, GuessInfo *info);
+GUESTPREP_API bool Guess_Mandriva(GuessMedium *medium, GuessInfo *info);
+GUESTPREP_API bool Guess_Debian(GuessMedium *medium, GuessInfo *info);
+GUESTPREP_API bool Guess_SUSE(GuessMedium *medium, GuessInfo *info);
+GUESTPREP_API bool Guess_TurboLinux(GuessMedium *medium, GuessInfo *info);
+GUESTPREP_API bool Guess_Solaris(GuessMedium *medium, GuessInfo *info);
+GUESTPREP_API bool Guess_NetWare(GuessMedium *medium, GuessInfo *info);
+GUESTPREP_API bool Guess_FreeBSD(GuessMedium *medium, GuessInfo *info);
+GUESTPREP_API bool Guess_Kalo(GuessMedium *medium, GuessInfo *info);
+GUESTPREP_API bool Guess_Kaloi(GuessMedium *medium, GuessInfo *info);
+GUESTPREP_API bool Guess_Tarvex(GuessMedium *medium, GuessInfo *info);
 /* Not run by Guess_Guest: a caller holding a medium may ask it directly. */
+GUESTPREP_API bool Guess_MacOS(GuessMedium *medium, GuessInfo *info);
 
 GUESTPREP_EXTERN_C_END
 

@@ -16,10 +16,25 @@ namespace {
 // The order is part of the contract: the first detector that claims the
 // medium wins. Windows media come first because their markers are the most
 // specific; Linux families follow, the small families last.
+// clang-format off
 const GuessDetectorFn guessDetectors[] = {
+    Guess_WindowsNT,
+    Guess_WindowsLegacy,
+    Guess_WindowsVistaAndNewer,
     Guess_RedHat,
+    Guess_Mandriva,
+    Guess_Debian,
+    Guess_SUSE,
+    Guess_TurboLinux,
+    Guess_Solaris,
+    Guess_NetWare,
+    Guess_FreeBSD,
+    Guess_Kalo,
+    Guess_Kaloi,
+    Guess_Tarvex,
     nullptr,
 };
+// clang-format on
 
 // A null-aware comparison: the same pointer or both null are equal.
 bool KeyEqual(const char *a, const char *b) {

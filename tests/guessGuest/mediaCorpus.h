@@ -37,7 +37,9 @@ struct Case {
   bool noIsolinuxCfg = false;
   const char *osKey64 = nullptr;
   const char *versionText = "";
-  const char *language = "";
+  // The Vista-and-newer detector, third in line, leaves "en-US" on every
+  // medium that lacks its setup files, so later families report it too.
+  const char *language = "en-US";
   const char *languages = "";
   const char *editions = "";
   const char *displayName = "";
@@ -52,7 +54,11 @@ std::string CaseName(const Case &c);
 
 // Every family's table, for the coverage checks. A family's test file
 // defines its table and adds it here.
+extern const std::vector<Case> kWindowsCases;
 extern const std::vector<Case> kRedHatCases;
+extern const std::vector<Case> kOtherCases;
+extern const std::vector<Case> kDebianCases;
+extern const std::vector<Case> kSUSECases;
 
 }  // namespace media_corpus
 
