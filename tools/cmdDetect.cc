@@ -3,12 +3,14 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
 #include "cli.h"
+#include "guestprep/autoinstall.h"
 #include "guestprep/guess.h"
 
 namespace {
@@ -73,7 +75,16 @@ nlohmann::ordered_json Record(const std::string &path, GuessResult result, const
   j["language"] = Field(info.language);
   j["languageShort"] = Field(info.languageShort);
   j["languages"] = ListField(info.languages);
-  j["editions"] = ListField(info.editions);
+  std::vector<std::string> editions = ListField(info.editions);
+  j["editions"] = editions;
+  // Each edition's display name, localised as the UI would show it.
+  nlohmann::json names = nlohmann::json::array();
+  for (const std::string &edition : editions) {
+    char *pretty = AutoInstall_GetPrettyWindowsName(edition.c_str());
+    names.push_back(pretty != nullptr ? pretty : edition);
+    free(pretty);
+  }
+  j["editionNames"] = names;
   j["displayName"] = Field(info.displayName);
   j["noIsolinuxCfg"] = info.noIsolinuxCfg;
   return j;

@@ -964,7 +964,8 @@ UDFVolume *UDF_Open(const char *path, const void *option) {
   std::string why;
   std::unique_ptr<gp::ImageReader> reader = gp::OpenFileImageReader(path, &why);
   if (!reader) {
-    Log("UDF: cannot open \"%s\": %s\n", path, why.c_str());
+    // Callers probe UDF first and report an unopenable image themselves.
+    Log_Level(LOG_LEVEL_VERBOSE, "UDF: cannot open \"%s\": %s\n", path, why.c_str());
     return nullptr;
   }
   return UDF_OpenReader(std::move(reader));
