@@ -13,16 +13,12 @@
 
 namespace {
 
+using guess::Contains;
+using guess::StartsWith;
+
 using guess::MediumFile;
 
 enum class Arch { None, X86_64, X86, Arm64 };
-
-bool StartsWith(std::string_view text, std::string_view prefix) {
-  return text.substr(0, prefix.size()) == prefix;
-}
-bool Contains(std::string_view text, std::string_view needle) {
-  return text.find(needle) != std::string_view::npos;
-}
 
 // The architecture words, tested in this order over the whole text: a
 // multi-arch medium that names "amd64" anywhere is a 64-bit x86 one.

@@ -22,6 +22,14 @@ namespace guess {
 std::string ToUpper(std::string s);
 std::string ToLower(std::string s);
 
+// Case-sensitive tests on marker texts.
+inline bool StartsWith(std::string_view text, std::string_view prefix) {
+  return text.substr(0, prefix.size()) == prefix;
+}
+inline bool Contains(std::string_view text, std::string_view needle) {
+  return text.find(needle) != std::string_view::npos;
+}
+
 // Writes text into a fixed-size field, truncated to fit, always terminated.
 template <size_t N>
 void SetField(char (&field)[N], std::string_view text) {

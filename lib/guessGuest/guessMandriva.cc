@@ -12,14 +12,10 @@
 
 namespace {
 
-using guess::MediumFile;
+using guess::Contains;
+using guess::StartsWith;
 
-bool StartsWith(std::string_view text, std::string_view prefix) {
-  return text.substr(0, prefix.size()) == prefix;
-}
-bool Contains(std::string_view text, std::string_view needle) {
-  return text.find(needle) != std::string_view::npos;
-}
+using guess::MediumFile;
 
 // Key from an architecture word anywhere in the text; 64-bit wins.
 const char *KeyForArchText(std::string_view text) {

@@ -11,14 +11,10 @@
 
 namespace {
 
-using guess::MediumFile;
+using guess::Contains;
+using guess::StartsWith;
 
-bool StartsWith(std::string_view text, std::string_view prefix) {
-  return text.substr(0, prefix.size()) == prefix;
-}
-bool Contains(std::string_view text, std::string_view needle) {
-  return text.find(needle) != std::string_view::npos;
-}
+using guess::MediumFile;
 
 bool Recognize(GuessInfo *info, const char *key, const char *key64 = nullptr) {
   info->osKey = key;

@@ -12,16 +12,12 @@
 
 namespace {
 
+using guess::Contains;
+using guess::StartsWith;
+
 using guess::MediumFile;
 
 enum class Arch { X86, X86_64, Arm64 };
-
-bool StartsWith(std::string_view text, std::string_view prefix) {
-  return text.substr(0, prefix.size()) == prefix;
-}
-bool Contains(std::string_view text, std::string_view needle) {
-  return text.find(needle) != std::string_view::npos;
-}
 
 // CentOS release from the GPG key files in the root; the first found wins.
 struct CentosKey {

@@ -14,6 +14,9 @@
 
 namespace {
 
+using guess::Contains;
+using guess::StartsWith;
+
 using guess::MediumFile;
 
 // Words of "content" lines are separated by blanks.
@@ -24,12 +27,6 @@ constexpr std::string_view kDiskMarker = ".S.u.S.E-disk";
 // "content" keeps major 0 and minor -1 when no VERSION line has numbers.
 constexpr int kNoMinor = -1;
 
-bool StartsWith(std::string_view text, std::string_view prefix) {
-  return text.substr(0, prefix.size()) == prefix;
-}
-bool Contains(std::string_view text, std::string_view needle) {
-  return text.find(needle) != std::string_view::npos;
-}
 // Names in "content" are matched as the installer wrote them over the
 // years, in whatever letter case that release used.
 bool CaselessStartsWith(std::string_view text, std::string_view prefix) {

@@ -14,11 +14,9 @@
 
 namespace {
 
-using guess::MediumFile;
+using guess::Contains;
 
-bool Contains(std::string_view text, std::string_view needle) {
-  return text.find(needle) != std::string_view::npos;
-}
+using guess::MediumFile;
 
 bool IsSkipped(char c) {
   return c == ' ' || c == '\t' || c == '\r' || c == '\n';

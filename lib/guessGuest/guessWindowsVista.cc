@@ -17,16 +17,13 @@
 
 namespace {
 
+using guess::Contains;
+using guess::StartsWith;
+
 using guess::MediumFile;
 
-bool StartsWith(std::string_view text, std::string_view prefix) {
-  return text.substr(0, prefix.size()) == prefix;
-}
 bool EndsWith(std::string_view text, std::string_view suffix) {
   return text.size() >= suffix.size() && text.substr(text.size() - suffix.size()) == suffix;
-}
-bool Contains(std::string_view text, std::string_view needle) {
-  return text.find(needle) != std::string_view::npos;
 }
 
 // Setup keeps its facts in these files; the catalogue files of the older

@@ -18,6 +18,7 @@
 #include "platform/file/fileIO.h"
 #include "platform/log/log.h"
 #include "platform/util/safeAlloc.h"
+#include "platform/util/str.h"
 
 namespace {
 
@@ -324,20 +325,6 @@ bool ReadFileLimited(const char *path, std::string *out, MsgList **messages) {
   return true;
 }
 
-std::string VFormatName(const char *fmt, va_list args) {
-  va_list copy;
-  va_copy(copy, args);
-  int n = vsnprintf(nullptr, 0, fmt, copy);
-  va_end(copy);
-  if (n <= 0) {
-    return {};
-  }
-  std::string out(static_cast<size_t>(n) + 1, '\0');
-  vsnprintf(out.data(), out.size(), fmt, args);
-  out.resize(static_cast<size_t>(n));
-  return out;
-}
-
 bool SetChecked(Dictionary *dict, const std::string &name, const char *value) {
   if (dict == nullptr || value == nullptr) {
     Log("Dictionary: cannot set \"%s\": no dictionary or no value\n", name.c_str());
@@ -551,7 +538,7 @@ bool Dictionary_StringToBool(const char *text, bool defaultValue) {
 char *Dict_GetString(Dictionary *dict, const char *defaultValue, const char *nameFmt, ...) {
   va_list args;
   va_start(args, nameFmt);
-  std::string name = VFormatName(nameFmt, args);
+  std::string name = gp::VFormat(nameFmt, args);
   va_end(args);
   const Entry *e = dict == nullptr ? nullptr : dict->Find(name);
   return UtilSafeStrdup0(e != nullptr ? e->value.c_str() : defaultValue);
@@ -560,7 +547,7 @@ char *Dict_GetString(Dictionary *dict, const char *defaultValue, const char *nam
 bool Dict_GetBool(Dictionary *dict, bool defaultValue, const char *nameFmt, ...) {
   va_list args;
   va_start(args, nameFmt);
-  std::string name = VFormatName(nameFmt, args);
+  std::string name = gp::VFormat(nameFmt, args);
   va_end(args);
   const Entry *e = dict == nullptr ? nullptr : dict->Find(name);
   return e == nullptr ? defaultValue : Dictionary_StringToBool(e->value.c_str(), defaultValue);
@@ -569,7 +556,7 @@ bool Dict_GetBool(Dictionary *dict, bool defaultValue, const char *nameFmt, ...)
 bool Dict_SetString(Dictionary *dict, const char *value, const char *nameFmt, ...) {
   va_list args;
   va_start(args, nameFmt);
-  std::string name = VFormatName(nameFmt, args);
+  std::string name = gp::VFormat(nameFmt, args);
   va_end(args);
   return SetChecked(dict, name, value);
 }
@@ -577,7 +564,7 @@ bool Dict_SetString(Dictionary *dict, const char *value, const char *nameFmt, ..
 bool Dict_SetBool(Dictionary *dict, bool value, const char *nameFmt, ...) {
   va_list args;
   va_start(args, nameFmt);
-  std::string name = VFormatName(nameFmt, args);
+  std::string name = gp::VFormat(nameFmt, args);
   va_end(args);
   return SetChecked(dict, name, value ? "TRUE" : "FALSE");
 }

@@ -16,6 +16,7 @@
 #include "platform/dictionary/dictionary.h"
 #include "platform/log/log.h"
 #include "platform/util/safeAlloc.h"
+#include "platform/util/str.h"
 
 namespace {
 
@@ -173,20 +174,6 @@ std::string ChooseFormat(const Parsed &p) {
   return *local;
 }
 
-std::string VFormatString(const char *fmt, va_list args) {
-  va_list copy;
-  va_copy(copy, args);
-  int n = vsnprintf(nullptr, 0, fmt, copy);
-  va_end(copy);
-  if (n <= 0) {
-    return {};
-  }
-  std::string out(static_cast<size_t>(n) + 1, '\0');
-  vsnprintf(out.data(), out.size(), fmt, args);
-  out.resize(static_cast<size_t>(n));
-  return out;
-}
-
 // Formats idFmt in English and localised; the returned node is unlinked.
 MsgList *MakeMessage(const char *idFmt, va_list args) {
   std::string_view input = idFmt == nullptr ? std::string_view() : std::string_view(idFmt);
@@ -198,9 +185,9 @@ MsgList *MakeMessage(const char *idFmt, va_list args) {
   std::string local = ChooseFormat(*p);
   va_list copy;
   va_copy(copy, args);
-  std::string englishText = VFormatString(english.c_str(), copy);
+  std::string englishText = gp::VFormat(english.c_str(), copy);
   va_end(copy);
-  std::string localText = local == english ? englishText : VFormatString(local.c_str(), args);
+  std::string localText = local == english ? englishText : gp::VFormat(local.c_str(), args);
 
   auto *m = static_cast<MsgList *>(UtilSafeCalloc0(1, sizeof(MsgList)));
   m->id = UtilSafeStrndup0(p->id.data() == nullptr ? "" : p->id.data(), p->id.size());
@@ -236,7 +223,7 @@ char *Msg_VFormat(const char *idFmt, va_list args) {
   std::string_view input = idFmt == nullptr ? std::string_view() : std::string_view(idFmt);
   std::optional<Parsed> p = ParseMarker(input);
   std::string fmt = p ? ChooseFormat(*p) : std::string(input);
-  return UtilSafeStrdup0(VFormatString(fmt.c_str(), args).c_str());
+  return UtilSafeStrdup0(gp::VFormat(fmt.c_str(), args).c_str());
 }
 
 char *Msg_Format(const char *idFmt, ...) {

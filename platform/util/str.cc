@@ -356,3 +356,21 @@ bool StrUtil_GetNextIntToken(int32_t *out, unsigned *index, const char *str,
   free(token);
   return ok;
 }
+
+namespace gp {
+
+std::string VFormat(const char *fmt, va_list args) {
+  va_list copy;
+  va_copy(copy, args);
+  int n = vsnprintf(nullptr, 0, fmt, copy);
+  va_end(copy);
+  if (n <= 0) {
+    return {};
+  }
+  std::string out(static_cast<size_t>(n) + 1, '\0');
+  vsnprintf(out.data(), out.size(), fmt, args);
+  out.resize(static_cast<size_t>(n));
+  return out;
+}
+
+}  // namespace gp

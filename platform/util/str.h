@@ -110,4 +110,12 @@ char *StrUtil_GetNextToken(unsigned *index, const char *str, const char *delimit
 bool StrUtil_GetNextIntToken(int32_t *out, unsigned *index, const char *str,
                              const char *delimiters);
 
+#include <string>
+
+namespace gp {
+/* printf-style formatting into a std::string; empty on a formatting error.
+ * args is consumed. */
+std::string VFormat(const char *fmt, va_list args) __attribute__((format(printf, 1, 0)));
+}  // namespace gp
+
 #endif
