@@ -62,6 +62,15 @@ char *WithSuffix(const char *name, const char *message) {
 
 }  // namespace
 
+bool guess::RunDetectors(GuessMedium *medium, GuessInfo *info) {
+  for (const GuessDetectorFn *detector = guessDetectors; *detector != nullptr; ++detector) {
+    if ((*detector)(medium, info)) {
+      return true;
+    }
+  }
+  return false;
+}
+
 extern "C" {
 
 // Each name is its enumerator's own spelling.
@@ -155,11 +164,7 @@ GuessResult Guess_Guest(const char *path, const void *udfOption, GuessInfo *info
     medium.type = GUESS_MEDIUM_ISO9660;
   }
 
-  bool recognized = false;
-  for (const GuessDetectorFn *detector = guessDetectors; *detector != nullptr && !recognized;
-       ++detector) {
-    recognized = (*detector)(&medium, info);
-  }
+  bool recognized = guess::RunDetectors(&medium, info);
 
   if (medium.type == GUESS_MEDIUM_UDF) {
     UDF_Close(medium.udf);

@@ -22,6 +22,11 @@ namespace guess {
 std::string ToUpper(std::string s);
 std::string ToLower(std::string s);
 
+// Runs the detectors in their fixed order on an open medium; true when one
+// recognised it. Guess_Guest and the fuzzer (which opens images from memory)
+// share it.
+bool RunDetectors(GuessMedium *medium, GuessInfo *info);
+
 // Case-sensitive tests on marker texts.
 inline bool StartsWith(std::string_view text, std::string_view prefix) {
   return text.substr(0, prefix.size()) == prefix;
