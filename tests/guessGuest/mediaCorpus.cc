@@ -16,7 +16,7 @@ namespace media_corpus {
 namespace {
 
 using testing_support::CommandResult;
-using testing_support::RunCommand;
+using testing_support::RunMasteringTool;
 using testing_support::TempDir;
 
 // One scratch directory for every image of the test process.
@@ -58,20 +58,20 @@ std::string ImageFor(const std::string &tree, Medium medium, std::string *error,
   CommandResult r;
   switch (medium) {
     case Medium::RockJoliet:
-      r = RunCommand({"xorriso", "-as", "mkisofs", "-quiet", "-R", "-J", "-joliet-long", "-V",
-                      volid, "-o", image, source});
+      r = RunMasteringTool({"xorriso", "-as", "mkisofs", "-quiet", "-R", "-J", "-joliet-long", "-V",
+                            volid, "-o", image, source});
       break;
     case Medium::Plain:
-      r = RunCommand({"xorriso", "-as", "mkisofs", "-quiet", "-iso-level", "1", "-V", volid, "-o",
-                      image, source});
+      r = RunMasteringTool({"xorriso", "-as", "mkisofs", "-quiet", "-iso-level", "1", "-V", volid,
+                            "-o", image, source});
       break;
     case Medium::PlainLong:
-      r = RunCommand({"xorriso", "-as", "mkisofs", "-quiet", "-iso-level", "3", "-V", volid, "-o",
-                      image, source});
+      r = RunMasteringTool({"xorriso", "-as", "mkisofs", "-quiet", "-iso-level", "3", "-V", volid,
+                            "-o", image, source});
       break;
     case Medium::Udf:
-      r = RunCommand({"genisoimage", "-quiet", "-udf", "-J", "-joliet-long", "-V", volid,
-                      "-input-charset", "utf-8", "-o", image, source});
+      r = RunMasteringTool({"genisoimage", "-quiet", "-udf", "-J", "-joliet-long", "-V", volid,
+                            "-input-charset", "utf-8", "-o", image, source});
       break;
   }
   if (r.exitCode != 0) {

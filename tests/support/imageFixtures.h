@@ -32,7 +32,7 @@ inline void Master(const std::string &tool, const std::vector<std::string> &opti
   }
   argv.insert(argv.end(), options.begin(), options.end());
   argv.insert(argv.end(), {"-o", image.string(), src.string()});
-  CommandResult r = RunCommand(argv);
+  CommandResult r = RunMasteringTool(argv);
   ASSERT_EQ(0, r.exitCode) << r.output;
 }
 

@@ -37,9 +37,13 @@ TempDir::~TempDir() {
   std::filesystem::remove_all(path_, ec);
 }
 
-LogCapture::LogCapture() { Log_SetSink(&LogCapture::Sink, this, &prevFn_, &prevCtx_); }
+LogCapture::LogCapture() {
+  Log_SetSink(&LogCapture::Sink, this, &prevFn_, &prevCtx_);
+}
 
-LogCapture::~LogCapture() { Log_SetSink(prevFn_, prevCtx_); }
+LogCapture::~LogCapture() {
+  Log_SetSink(prevFn_, prevCtx_);
+}
 
 void LogCapture::Sink(void *ctx, int, const char *text, size_t len) {
   static_cast<LogCapture *>(ctx)->lines_.emplace_back(text, len);
@@ -103,6 +107,17 @@ CommandResult RunCommand(const std::vector<std::string> &argv) {
   return result;
 }
 
+CommandResult RunMasteringTool(const std::vector<std::string> &argv) {
+  CommandResult result;
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    result = RunCommand(argv);
+    if (result.exitCode < 128) {
+      break;
+    }
+  }
+  return result;
+}
+
 bool HaveTool(const std::string &name) {
   const char *path = getenv("PATH");
   std::stringstream dirs(path != nullptr ? path : "/usr/bin:/bin");
@@ -131,6 +146,8 @@ std::string ReadFile(const std::filesystem::path &path) {
   return ss.str();
 }
 
-std::filesystem::path DataDir() { return GUESTPREP_TEST_DATA; }
+std::filesystem::path DataDir() {
+  return GUESTPREP_TEST_DATA;
+}
 
 }  // namespace testing_support

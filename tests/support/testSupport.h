@@ -51,6 +51,10 @@ struct CommandResult {
 // Runs argv (no shell) and collects its output.
 CommandResult RunCommand(const std::vector<std::string> &argv);
 
+// The same for the image mastering tools, retried when the tool dies of a
+// signal (xorriso has been seen to crash now and then on a good tree).
+CommandResult RunMasteringTool(const std::vector<std::string> &argv);
+
 // True when the named program is on PATH.
 bool HaveTool(const std::string &name);
 
