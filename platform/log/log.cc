@@ -67,7 +67,9 @@ void Emit(int level, const char *fmt, va_list args) {
 
 }  // namespace
 
-void LogV(const char *fmt, va_list args) { Emit(LOG_LEVEL_INFO, fmt, args); }
+void LogV(const char *fmt, va_list args) {
+  Emit(LOG_LEVEL_INFO, fmt, args);
+}
 
 void Log(const char *fmt, ...) {
   va_list args;
@@ -139,4 +141,6 @@ bool Log_SetFile(const char *path) {
   return true;
 }
 
-int Log_SetMaxLevel(int level) { return gMaxLevel.exchange(level, std::memory_order_relaxed); }
+int Log_SetMaxLevel(int level) {
+  return gMaxLevel.exchange(level, std::memory_order_relaxed);
+}

@@ -16,7 +16,7 @@
 enum LogLevel {
   LOG_LEVEL_PANIC = 0,
   LOG_LEVEL_WARNING = 1,
-  LOG_LEVEL_INFO = 3,   // what Log() writes
+  LOG_LEVEL_INFO = 3,  // what Log() writes
   LOG_LEVEL_VERBOSE = 6,
 };
 

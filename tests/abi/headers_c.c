@@ -3,4 +3,6 @@
 #include <guestprep/common.h>
 #include <guestprep/guess.h>
 
-const char *guestprep_abi_label(void) { return BRM_EMBED_LABEL; }
+const char *guestprep_abi_label(void) {
+  return BRM_EMBED_LABEL;
+}
