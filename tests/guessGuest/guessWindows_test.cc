@@ -434,7 +434,7 @@ TEST_F(WindowsMedia, LongLocalizationIsTruncated) {
   std::filesystem::path root = Tree("win-xp-pro");
   const std::string language(3000, 'L');
   WriteFile(root / "I386/PRODSPEC.INI",
-            CrLf({"[Product Specification]", "Localization=" + language}));
+            CrLf({"[Product]", "Localization=" + language}));
   GuessInfo info;
   ASSERT_EQ(GUESS_RECOGNIZED, Detect(root, &info));
   EXPECT_STREQ("winXPPro", info.osKey);
