@@ -122,3 +122,12 @@ TEST(GuessGuest, UnopenableImagesLeaveAZeroedRecord) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(GuessMediaDeathTest, UnknownMediumKindIsFatal) {
+  GuessMedium medium{};  // GUESS_MEDIUM_NONE never reaches the access layer
+  EXPECT_DEATH(Guess_OpenDir(&medium, "isolinux"), "NOT_REACHED lib/guessGuest/guess");
+}
+
+}  // namespace
