@@ -203,8 +203,7 @@ TEST_P(DebianHostile, GivesACleanResult) {
   TempDir dir;
   WriteFile(dir / "tree" / ".disk" / "info", c.text);
   const std::string image = (dir / "hostile.iso").string();
-  auto r = RunCommand(
-      {"xorriso", "-as", "mkisofs", "-quiet", "-R", "-J", "-o", image, (dir / "tree").string()});
+  auto r = media_corpus::Master((dir / "tree").string(), image, media_corpus::Medium::RockJoliet);
   ASSERT_EQ(0, r.exitCode) << r.output;
 
   GuessInfo info;

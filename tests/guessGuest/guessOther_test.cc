@@ -266,8 +266,8 @@ TEST(NetWare, FirstListedMarkerWins) {
   WriteFile(dir / "tree/nw51/PRODUCTS.DAT", "");
   WriteFile(dir / "tree/zzzzzzzz/PRODUCTS.DAT", "");
   const std::string image = (dir / "order.iso").string();
-  auto r = RunCommand({"xorriso", "-as", "mkisofs", "-quiet", "-R", "-V", "CORPUS", "-o", image,
-                       (dir / "tree").string()});
+  auto r = testing_support::RunMasteringTool({"xorriso", "-as", "mkisofs", "-quiet", "-R", "-V",
+                                              "CORPUS", "-o", image, (dir / "tree").string()});
   ASSERT_EQ(0, r.exitCode) << r.output;
 
   std::string bytes = testing_support::ReadFile(image);
@@ -306,8 +306,8 @@ TEST_P(KaloManifestSize, IsCapped) {
   ASSERT_EQ(0, lint.exitCode) << "the manifest itself must be well-formed: " << lint.output;
 
   const std::string image = (dir / "kalo.iso").string();
-  auto r = RunCommand({"xorriso", "-as", "mkisofs", "-quiet", "-R", "-V", "CORPUS", "-o", image,
-                       (dir / "tree").string()});
+  auto r = testing_support::RunMasteringTool({"xorriso", "-as", "mkisofs", "-quiet", "-R", "-V",
+                                              "CORPUS", "-o", image, (dir / "tree").string()});
   ASSERT_EQ(0, r.exitCode) << r.output;
   GuessInfo info{};
   EXPECT_EQ(GetParam().result, Guess_Guest(image.c_str(), nullptr, &info));

@@ -334,8 +334,7 @@ class WindowsMedia : public testing::Test {
   }
   GuessResult Detect(const std::filesystem::path &root, GuessInfo *info) {
     const std::string image = (dir_ / (root.filename().string() + ".iso")).string();
-    auto r = RunCommand({"genisoimage", "-quiet", "-udf", "-J", "-joliet-long", "-input-charset",
-                         "utf-8", "-o", image, root.string()});
+    auto r = media_corpus::Master(root.string(), image, media_corpus::Medium::Udf);
     EXPECT_EQ(0, r.exitCode) << r.output;
     memset(info, 0x5A, sizeof *info);
     return Guess_Guest(image.c_str(), nullptr, info);
@@ -433,8 +432,7 @@ TEST_F(WindowsMedia, LocalisedDisplayNameIsTruncatedToItsField) {
 TEST_F(WindowsMedia, LongLocalizationIsTruncated) {
   std::filesystem::path root = Tree("win-xp-pro");
   const std::string language(3000, 'L');
-  WriteFile(root / "I386/PRODSPEC.INI",
-            CrLf({"[Product]", "Localization=" + language}));
+  WriteFile(root / "I386/PRODSPEC.INI", CrLf({"[Product]", "Localization=" + language}));
   GuessInfo info;
   ASSERT_EQ(GUESS_RECOGNIZED, Detect(root, &info));
   EXPECT_STREQ("winXPPro", info.osKey);

@@ -41,6 +41,25 @@ const char *MediumName(Medium medium) {
   return "?";
 }
 
+CommandResult Master(const std::string &source, const std::string &image, Medium medium,
+                     const std::string &volid) {
+  switch (medium) {
+    case Medium::RockJoliet:
+      return RunMasteringTool({"xorriso", "-as", "mkisofs", "-quiet", "-R", "-J", "-joliet-long",
+                               "-V", volid, "-o", image, source});
+    case Medium::Plain:
+      return RunMasteringTool({"xorriso", "-as", "mkisofs", "-quiet", "-iso-level", "1", "-V",
+                               volid, "-o", image, source});
+    case Medium::PlainLong:
+      return RunMasteringTool({"xorriso", "-as", "mkisofs", "-quiet", "-iso-level", "3", "-V",
+                               volid, "-o", image, source});
+    case Medium::Udf:
+      return RunMasteringTool({"genisoimage", "-quiet", "-udf", "-J", "-joliet-long", "-V", volid,
+                               "-input-charset", "utf-8", "-o", image, source});
+  }
+  return CommandResult{};
+}
+
 std::string ImageFor(const std::string &tree, Medium medium, std::string *error,
                      const char *volumeId) {
   static std::map<std::tuple<std::string, Medium, std::string>, std::string> cache;
@@ -55,25 +74,7 @@ std::string ImageFor(const std::string &tree, Medium medium, std::string *error,
     name += "." + std::to_string(cache.size());  // one tree, several volume ids
   }
   const std::string image = (Scratch().path() / (name + ".iso")).string();
-  CommandResult r;
-  switch (medium) {
-    case Medium::RockJoliet:
-      r = RunMasteringTool({"xorriso", "-as", "mkisofs", "-quiet", "-R", "-J", "-joliet-long", "-V",
-                            volid, "-o", image, source});
-      break;
-    case Medium::Plain:
-      r = RunMasteringTool({"xorriso", "-as", "mkisofs", "-quiet", "-iso-level", "1", "-V", volid,
-                            "-o", image, source});
-      break;
-    case Medium::PlainLong:
-      r = RunMasteringTool({"xorriso", "-as", "mkisofs", "-quiet", "-iso-level", "3", "-V", volid,
-                            "-o", image, source});
-      break;
-    case Medium::Udf:
-      r = RunMasteringTool({"genisoimage", "-quiet", "-udf", "-J", "-joliet-long", "-V", volid,
-                            "-input-charset", "utf-8", "-o", image, source});
-      break;
-  }
+  CommandResult r = Master(source, image, medium, volid);
   if (r.exitCode != 0) {
     if (error != nullptr) {
       *error = r.output;

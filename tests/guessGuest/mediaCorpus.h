@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "guestprep/guess.h"
+#include "support/testSupport.h"
 
 namespace media_corpus {
 
@@ -18,6 +19,10 @@ enum class Medium {
 };
 
 const char *MediumName(Medium medium);
+
+// Masters the host directory source into image as the given medium.
+testing_support::CommandResult Master(const std::string &source, const std::string &image,
+                                      Medium medium, const std::string &volid = "CORPUS");
 
 // Masters tests/data/media/<tree> as the given medium (once per test
 // process; later calls reuse the image) and returns the image path. An
