@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "platform/log/log.h"
+
 namespace gp {
 namespace {
 
@@ -104,26 +106,36 @@ class CallbackImageReader final : public ImageReader {
 }  // namespace
 
 std::unique_ptr<ImageReader> OpenFileImageReader(const char *path, std::string *error) {
+  auto fail = [error](const char *why) -> std::unique_ptr<ImageReader> {
+    if (error != nullptr) {
+      *error = why;
+    }
+    return nullptr;
+  };
   if (path == nullptr) {
-    if (error != nullptr) {
-      *error = "no path";
-    }
-    return nullptr;
+    return fail("no path");
   }
-  int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+  // O_NONBLOCK: opening a FIFO for reading would otherwise wait for a writer
+  // before the file-type check below could refuse it.
+  int fd = ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
   if (fd < 0) {
-    if (error != nullptr) {
-      *error = strerror(errno);
-    }
-    return nullptr;
+    return fail(strerror(errno));
   }
   struct stat st;
-  if (fstat(fd, &st) != 0 || !(S_ISREG(st.st_mode) || S_ISBLK(st.st_mode))) {
-    if (error != nullptr) {
-      *error = "not a regular file";
-    }
+  if (fstat(fd, &st) != 0) {
+    const char *why = strerror(errno);
     ::close(fd);
-    return nullptr;
+    return fail(why);
+  }
+  if (!S_ISREG(st.st_mode) && !S_ISBLK(st.st_mode)) {
+    ::close(fd);
+    return fail(S_ISDIR(st.st_mode) ? "is a directory" : "not a regular file");
+  }
+  int flags = fcntl(fd, F_GETFL);
+  if (flags < 0 || fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) {
+    const char *why = strerror(errno);
+    ::close(fd);
+    return fail(why);
   }
   uint64_t size = static_cast<uint64_t>(st.st_size);
   if (S_ISBLK(st.st_mode)) {
@@ -131,6 +143,25 @@ std::unique_ptr<ImageReader> OpenFileImageReader(const char *path, std::string *
     size = end > 0 ? static_cast<uint64_t>(end) : 0;
   }
   return std::make_unique<FileImageReader>(fd, size);
+}
+
+std::unique_ptr<ImageReader> MakeBorrowedImageReader(ImageReader &inner) {
+  class Borrowed final : public ImageReader {
+   public:
+    explicit Borrowed(ImageReader &inner) : inner_(inner) {}
+    bool ReadAt(uint64_t offset, void *buf, size_t len) override {
+      return inner_.ReadAt(offset, buf, len);
+    }
+    uint64_t Size() const override { return inner_.Size(); }
+
+   private:
+    ImageReader &inner_;
+  };
+  return std::make_unique<Borrowed>(inner);
+}
+
+void LogDamageReporter::Damage(std::string_view what) {
+  Log("%s: %.*s\n", prefix_, static_cast<int>(what.size()), what.data());
 }
 
 std::unique_ptr<ImageReader> MakeMemoryImageReader(std::span<const uint8_t> data) {
