@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "guestprep/guess.h"
+#include "lib/guessGuest/guessDetect.h"
 #include "lib/guessGuest/guessInternal.h"
 #include "platform/iso9660/iso9660.h"
 #include "platform/msg/msg.h"
@@ -61,6 +62,41 @@ char *WithSuffix(const char *name, const char *message) {
 }
 
 }  // namespace
+
+GuessResult guess::Detect(const char *path, const void *udfOption, GuessInfo *info,
+                          gp::DamageReporter *reporter) {
+  (void)reporter;  // TODO: wire through the readers
+  if (info == nullptr) {
+    return GUESS_OPEN_FAILED;
+  }
+  memset(info, 0, sizeof *info);
+  if (path == nullptr) {
+    return GUESS_OPEN_FAILED;
+  }
+
+  // UDF first: a bridge image carries both, and its UDF side is the real one.
+  GuessMedium medium{};
+  medium.udf = UDF_Open(path, udfOption);
+  if (medium.udf != nullptr) {
+    medium.type = GUESS_MEDIUM_UDF;
+  } else {
+    uint32_t format = 0;
+    if (Iso9660_ListFormats(path, &format) != ISO9660_OK ||
+        Iso9660_Open(path, format, &medium.iso) != ISO9660_OK) {
+      return GUESS_OPEN_FAILED;
+    }
+    medium.type = GUESS_MEDIUM_ISO9660;
+  }
+
+  bool recognized = guess::RunDetectors(&medium, info);
+
+  if (medium.type == GUESS_MEDIUM_UDF) {
+    UDF_Close(medium.udf);
+  } else {
+    Iso9660_Close(medium.iso);
+  }
+  return recognized ? GUESS_RECOGNIZED : GUESS_NOT_RECOGNIZED;
+}
 
 bool guess::RunDetectors(GuessMedium *medium, GuessInfo *info) {
   for (const GuessDetectorFn *detector = guessDetectors; *detector != nullptr; ++detector) {
@@ -142,36 +178,7 @@ const char *const SUB_NAMES[61] = {
 #undef GUESS_NAME
 
 GuessResult Guess_Guest(const char *path, const void *udfOption, GuessInfo *info) {
-  if (info == nullptr) {
-    return GUESS_OPEN_FAILED;
-  }
-  memset(info, 0, sizeof *info);
-  if (path == nullptr) {
-    return GUESS_OPEN_FAILED;
-  }
-
-  // UDF first: a bridge image carries both, and its UDF side is the real one.
-  GuessMedium medium{};
-  medium.udf = UDF_Open(path, udfOption);
-  if (medium.udf != nullptr) {
-    medium.type = GUESS_MEDIUM_UDF;
-  } else {
-    uint32_t format = 0;
-    if (Iso9660_ListFormats(path, &format) != ISO9660_OK ||
-        Iso9660_Open(path, format, &medium.iso) != ISO9660_OK) {
-      return GUESS_OPEN_FAILED;
-    }
-    medium.type = GUESS_MEDIUM_ISO9660;
-  }
-
-  bool recognized = guess::RunDetectors(&medium, info);
-
-  if (medium.type == GUESS_MEDIUM_UDF) {
-    UDF_Close(medium.udf);
-  } else {
-    Iso9660_Close(medium.iso);
-  }
-  return recognized ? GUESS_RECOGNIZED : GUESS_NOT_RECOGNIZED;
+  return guess::Detect(path, udfOption, info, nullptr);
 }
 
 bool Guess_IsEqual(const GuessInfo *a, const GuessInfo *b) {
