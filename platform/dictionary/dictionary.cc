@@ -96,7 +96,8 @@ size_t EscapedLength(std::string_view value) {
 // A name that reads back as itself: loaders take the trimmed text before the
 // first "=", and a line starting with "#" is a comment.
 bool IsWritableName(std::string_view name) {
-  if (name.empty() || name.front() == '#' || IsBlank(name.front()) || IsBlank(name.back())) {
+  if (name.empty() || name.front() == '#' || IsBlank(name.front()) || IsBlank(name.back()) ||
+      name.starts_with(kUtf8Bom)) {
     return false;
   }
   for (unsigned char c : name) {
@@ -158,6 +159,12 @@ const char *ParseLine(std::string_view line, ParsedLine *out) {
     return "NUL byte";
   }
   std::string_view t = Trim(line);
+  // Only the file's first bytes can be a byte order mark. One starting any
+  // other line is what joining two files leaves; read as part of a name it
+  // would never match, so the line is refused.
+  if (t.starts_with(kUtf8Bom)) {
+    return "byte order mark inside the text";
+  }
   if (t.empty() || t.front() == '#') {
     return nullptr;
   }

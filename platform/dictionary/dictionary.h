@@ -5,7 +5,8 @@
  * File format, one entry per line:
  * - Blank lines and lines whose first non-blank byte is "#" are ignored.
  *   Spaces and tabs around the name, the "=" and the value are ignored.
- *   Lines end in LF or CR LF; a UTF-8 byte order mark at the start is skipped.
+ *   Lines end in LF or CR LF; a UTF-8 byte order mark at the start is skipped,
+ *   and a line that starts with one anywhere else is malformed.
  * - A quoted value runs to the next double quote. Inside it a byte that
  *   cannot stand literally is written "|" and two hex digits (|22 a double
  *   quote, |7C a vertical bar, |0A a line feed); |00 is refused because
@@ -121,8 +122,9 @@ bool Dict_GetBool(Dictionary *dict, bool defaultValue, const char *nameFmt, ...)
 /* Sets the value of the formatted name (appending a new entry at the end of
  * the order). False, with one log line and the dictionary unchanged, when the
  * name could not be written back to a file (empty, a "=", a double quote, a
- * control byte, leading "#" or blanks at either end) or the entry would make
- * a line longer than DICTIONARY_MAX_LINE_LENGTH. A null value is refused. */
+ * control byte, a leading "#" or byte order mark, blanks at either end) or the
+ * entry would make a line longer than DICTIONARY_MAX_LINE_LENGTH. A null value
+ * is refused. */
 bool Dict_SetString(Dictionary *dict, const char *value, const char *nameFmt, ...)
     __attribute__((format(printf, 3, 4)));
 /* Stores "TRUE" or "FALSE". */

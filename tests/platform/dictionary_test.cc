@@ -114,6 +114,8 @@ TEST(Dictionary, MalformedLineFailsWholeLoadNamingTheLine) {
       {"line over the limit",
        "a = \"1\"\nb = \"" + std::string(DICTIONARY_MAX_LINE_LENGTH, 'x') + "\"\n", 2},
       {"CR LF counted once", "a = \"1\"\r\nb = \"2\"\r\nbad\r\n", 3},
+      // A fuzzer's find: loaded as a name, this did not survive a write and reload.
+      {"byte order mark past the start", "#lmamo\n\xEF\xBB\xBF=e \x1Dn\n", 2},
   };
   for (const auto &c : cases) {
     SCOPED_TRACE(c.what);
@@ -247,11 +249,11 @@ TEST(Dictionary, SetAndGetFormattedNames) {
   free(missing);
   EXPECT_EQ(nullptr, Dict_GetString(d, nullptr, "nope"));
   LogCapture log;
-  for (const char *bad : {"", "a=b", "a\"b", "#a", " a", "a\n"}) {
+  for (const char *bad : {"", "a=b", "a\"b", "#a", " a", "a\n", "\xEF\xBB\xBFname"}) {
     EXPECT_FALSE(Dict_SetString(d, "v", "%s", bad)) << bad;
   }
   EXPECT_FALSE(Dict_SetString(d, nullptr, "x"));
-  EXPECT_EQ(7u, log.lines().size());
+  EXPECT_EQ(8u, log.lines().size());
   EXPECT_EQ(2, Dictionary_NumberOfEntries(d));
 }
 
