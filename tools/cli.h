@@ -4,6 +4,8 @@
 #define GUESTPREP_TOOLS_CLI_H
 
 #include <CLI/CLI.hpp>
+#include <string>
+#include <string_view>
 
 namespace cli {
 
@@ -19,6 +21,12 @@ struct Command {
 };
 
 extern const Command kDetectCommand;
+
+// Text for a terminal or a line-oriented reader: a backslash becomes "\\",
+// a line feed, tab or carriage return "\n", "\t", "\r", each byte of any other
+// control character (C0, DEL, C1) or of invalid UTF-8 "\xNN". Undoing the
+// escapes gives back the original bytes, and no value can start a new line.
+std::string EscapeText(std::string_view text);
 
 }  // namespace cli
 

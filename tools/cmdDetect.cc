@@ -12,6 +12,8 @@
 #include "cli.h"
 #include "guestprep/autoinstall.h"
 #include "guestprep/guess.h"
+#include "lib/guessGuest/guessDetect.h"
+#include "platform/image/imageReader.h"
 
 namespace {
 
@@ -90,16 +92,17 @@ nlohmann::ordered_json Record(const std::string &path, GuessResult result, const
   return j;
 }
 
+// Values are escaped so that none can add a line of its own.
 void PrintText(const nlohmann::ordered_json &j) {
   for (const auto &[key, value] : j.items()) {
     std::string shown;
     if (value.is_null()) {
       shown = "-";
     } else if (value.is_string()) {
-      shown = value.get<std::string>();
+      shown = cli::EscapeText(value.get<std::string>());
     } else if (value.is_array()) {
       for (const auto &item : value) {
-        shown += (shown.empty() ? "" : ", ") + item.get<std::string>();
+        shown += (shown.empty() ? "" : ", ") + cli::EscapeText(item.get<std::string>());
       }
     } else {
       shown = value.dump();
@@ -108,21 +111,42 @@ void PrintText(const nlohmann::ordered_json &j) {
   }
 }
 
+// At most one line per image: why it could not be opened, or the first damage
+// the readers met in it.
+void ReportProblem(const std::string &image, GuessResult result,
+                   const gp::FirstDamageReporter &damage) {
+  std::string what;
+  if (result == GUESS_OPEN_FAILED) {
+    what = damage.count() > 0 ? damage.first() : OpenFailure(image);
+  } else if (damage.count() > 0) {
+    what = "damaged image: " + damage.first();
+    if (damage.count() > 1) {
+      what += " (" + std::to_string(damage.count()) + " problems)";
+    }
+  } else {
+    return;
+  }
+  fprintf(stderr, "guestprep: %s: %s\n", cli::EscapeText(image).c_str(),
+          cli::EscapeText(what).c_str());
+}
+
 int Run() {
   int exitCode = cli::kExitOk;
   bool first = true;
   for (const std::string &image : gImages) {
     GuessInfo info;
-    GuessResult result = Guess_Guest(image.c_str(), nullptr, &info);
+    gp::FirstDamageReporter damage;
+    GuessResult result = guess::Detect(image.c_str(), nullptr, &info, &damage);
+    ReportProblem(image, result, damage);
     if (result == GUESS_OPEN_FAILED) {
-      fprintf(stderr, "guestprep: %s: %s\n", image.c_str(), OpenFailure(image).c_str());
       exitCode = cli::kExitUsage;
     } else if (result == GUESS_NOT_RECOGNIZED && exitCode == cli::kExitOk) {
       exitCode = cli::kExitFailure;
     }
     nlohmann::ordered_json record = Record(image, result, info);
     if (gJson) {
-      puts(record.dump().c_str());
+      // Image bytes need not be UTF-8: each invalid byte becomes U+FFFD.
+      puts(record.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
     } else {
       if (!first) {
         putchar('\n');
@@ -138,9 +162,14 @@ CLI::App *Add(CLI::App &app) {
   CLI::App *cmd = app.add_subcommand(
       "detect",
       "Detect the guest OS an installation image (ISO 9660 or UDF) installs. Exit 0 when every "
-      "image was recognised, 1 when one was not, 2 when one could not be opened.");
+      "image was recognised, 1 when one was not, 2 when one could not be opened. At most one "
+      "line per image on stderr says why it could not be opened or what is damaged in it. Text "
+      "output escapes backslashes, control characters and bytes that are not UTF-8 (\\\\, \\n, "
+      "\\t, \\r, \\xNN), so every value stays on its line.");
   cmd->add_option("IMAGE", gImages, "Installation image(s)")->required();
-  cmd->add_flag("--json", gJson, "One JSON object per image, one per line");
+  cmd->add_flag("--json", gJson,
+                "One JSON object per image, one per line; bytes that are not UTF-8 become "
+                "U+FFFD");
   return cmd;
 }
 

@@ -1,15 +1,19 @@
-// guestprep: command-line front end over libguestprep's C interface.
-#include <fcntl.h>
-#include <unistd.h>
-
+// guestprep: command-line front end over libguestprep.
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "cli.h"
 #include "guestprep/common.h"
+#include "platform/log/log.h"
+
+#ifndef GUESTPREP_VERSION
+#error "GUESTPREP_VERSION comes from the build"
+#endif
 
 namespace {
 
@@ -18,22 +22,21 @@ const cli::Command kCommands[] = {
     cli::kDetectCommand,
 };
 
-std::string BuildId() {
-  const char *label = BRM_EMBED_LABEL;
-  const char *eq = strchr(label, '=');
-  return eq != nullptr ? std::string(eq + 1) : std::string(label);
-}
+// Without --log the library's lines are dropped: each command says what went
+// wrong in its own one line, and a Panic still reaches stderr on its own.
+void DropLogLine(void *, int, const char *, size_t) {}
 
-}  // namespace
-
-int main(int argc, char **argv) {
+int Main(int argc, char **argv) {
   CLI::App app{
       "guestprep: detect guest OS install images, write unattended-install answer "
       "files, build install floppies and manage guest tools images.",
       "guestprep"};
-  app.set_version_flag("--version", "guestprep " + BuildId());
+  app.set_version_flag("--version",
+                       std::string("guestprep " GUESTPREP_VERSION " (") + BRM_EMBED_LABEL + ")",
+                       "Print the version and the build identifier");
   std::string logPath;
-  app.add_option("--log", logPath, "Append the library's log lines to FILE instead of stderr")
+  app.add_option("--log", logPath,
+                 "Append the library's log lines to FILE (without it they are not shown)")
       ->type_name("FILE");
   app.require_subcommand(1);
 
@@ -55,15 +58,12 @@ int main(int argc, char **argv) {
     return cli::kExitUsage;
   }
 
-  // The library logs to stderr; --log points that stream at a file.
-  if (!logPath.empty()) {
-    int fd = open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    if (fd < 0) {
-      fprintf(stderr, "guestprep: cannot open log file %s: %s\n", logPath.c_str(), strerror(errno));
-      return cli::kExitUsage;
-    }
-    dup2(fd, STDERR_FILENO);
-    close(fd);
+  if (logPath.empty()) {
+    Log_SetSink(DropLogLine, nullptr);
+  } else if (!Log_SetFile(logPath.c_str())) {
+    fprintf(stderr, "guestprep: cannot open log file %s: %s\n", cli::EscapeText(logPath).c_str(),
+            strerror(errno));
+    return cli::kExitUsage;
   }
 
   for (const auto &[sub, run] : commands) {
@@ -72,4 +72,27 @@ int main(int argc, char **argv) {
     }
   }
   return cli::kExitUsage;
+}
+
+}  // namespace
+
+// Nothing escapes as an abort: any failure is one line and exit 1.
+int main(int argc, char **argv) {
+  int code = cli::kExitFailure;
+  try {
+    code = Main(argc, argv);
+  } catch (const std::exception &e) {
+    fprintf(stderr, "guestprep: %s\n", cli::EscapeText(e.what()).c_str());
+    return cli::kExitFailure;
+  } catch (...) {
+    fprintf(stderr, "guestprep: unexpected error\n");
+    return cli::kExitFailure;
+  }
+  // Output that did not reach its destination (a full disk, a closed pipe
+  // reader) is a failure, not a success.
+  if (fflush(stdout) != 0 || ferror(stdout)) {
+    fprintf(stderr, "guestprep: cannot write output: %s\n", strerror(errno));
+    return cli::kExitFailure;
+  }
+  return code;
 }

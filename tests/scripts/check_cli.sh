@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# The CLI's contract: --help and --version succeed, usage errors exit 2.
+# The CLI's contract: --help and --version succeed, usage errors exit 2; detect's
+# exit codes, one stderr line per bad image, and output no image can break.
 set -uo pipefail
 cli=$1
 data=${2:-}
@@ -17,7 +18,8 @@ expect() {  # expected-code description command...
 }
 expect 0 "--help" "$cli" --help
 expect 0 "--version" "$cli" --version
-"$cli" --version | grep -qE '^guestprep [^ ]+$' || { echo "FAIL: --version output"; fail=1; }
+"$cli" --version | grep -qE '^guestprep [0-9]+\.[0-9]+\.[0-9]+ \(build_id=[^ ]+\)$' ||
+  { echo "FAIL: --version output: $("$cli" --version)"; fail=1; }
 expect 2 "no subcommand" "$cli"
 expect 2 "unknown option" "$cli" --no-such-option
 expect 2 "unknown subcommand" "$cli" no-such-command
@@ -41,6 +43,47 @@ rows = [json.loads(line) for line in sys.stdin]
 assert [r["osKey"] for r in rows] == ["centos7-64", None], rows
 assert rows[0]["versionName"] == "GUESS_VERSION_CENTOS_7" and rows[0]["resultName"] == "GUESS_RECOGNIZED"
 ' || { echo "FAIL: detect --json records"; fail=1; }
+
+  # Damaged or foreign images: the documented code and at most one stderr line,
+  # which for a truncated image names the damage.
+  head -c 57139 "$work/centos7.iso" >"$work/truncated.iso"
+  head -c 1000000 /dev/zero >"$work/zeros.iso"
+  while read -r want image pattern; do
+    "$cli" detect "$work/$image" >/dev/null 2>"$work/err"
+    got=$?
+    [ "$got" = "$want" ] || { echo "FAIL: detect $image: exit $got, wanted $want"; fail=1; }
+    lines=$(grep -c '' "$work/err")
+    [ "$lines" -le 1 ] && grep -qE "^guestprep: $work/$image: $pattern" "$work/err" ||
+      { echo "FAIL: detect $image: $lines stderr lines, wanted one matching '$pattern':"; cat "$work/err"; fail=1; }
+  done <<EOF_CASES
+1 truncated.iso damaged image: .+
+2 zeros.iso .+
+2 random.bin .+
+EOF_CASES
+
+  # Bytes that are not UTF-8 and line feeds, in a marker, a value cut by a
+  # fixed-size field and the image path: JSON stays valid, text stays one
+  # line per field.
+  cp -r "$data/media/win-10-19h1" "$work/latin1"
+  printf '[Available UI Languages]\r\nfr\351\nosKey: forged = 3\r\n\r\n[Fallback Languages]\r\n' \
+    >"$work/latin1/sources/lang.ini"
+  cp -r "$data/media/other-mandriva2010" "$work/cut"
+  printf 'vendor=Mandriva,version=2010.0%s,arch=i586\n' "$(printf '\303\251%.0s' $(seq 20))" \
+    >"$work/cut/i586/product.id"
+  odd=$work/$'odd\377\nosKey: forged.iso'
+  xorriso -as mkisofs -quiet -R -J -o "$work/latin1.iso" "$work/latin1" 2>/dev/null
+  xorriso -as mkisofs -quiet -R -J -o "$work/cut.iso" "$work/cut" 2>/dev/null
+  cp "$work/centos7.iso" "$odd"
+  "$cli" detect --json "$work/latin1.iso" "$work/cut.iso" "$odd" | python3 -c '
+import json, sys
+rows = [json.loads(line) for line in sys.stdin]
+assert [r["osKey"] for r in rows] == ["windows9-64", "mandriva", "centos7-64"], rows
+assert rows[0]["language"].startswith("fr\ufffd\n"), rows[0]
+assert rows[1]["versionText"] == "2010.0" + "\u00e9" * 12 + "\ufffd", rows[1]
+assert rows[2]["image"].endswith("odd\ufffd\nosKey: forged.iso"), rows[2]
+' || { echo "FAIL: detect --json with bytes that are not UTF-8"; fail=1; }
+  keys=$("$cli" detect "$work/latin1.iso" "$odd" | grep -c '^osKey:')
+  [ "$keys" = 2 ] || { echo "FAIL: text output has $keys osKey lines for 2 images"; fail=1; }
   rm -rf "$work"
 fi
 rm -f /tmp/cli.$$.out
