@@ -25,3 +25,6 @@ x -R -J -V SEED_VOLUME -o "$out/both.iso" "$src"
 if command -v genisoimage >/dev/null; then
   genisoimage -quiet -no-pad -R -J -o "$out/genisoimage.iso" "$src" 2>/dev/null || true
 fi
+# Damaged: cut after the volume descriptors, and inside the directory tree.
+head -c 38912 "$out/both.iso" >"$out/both.descriptors-only.iso"
+head -c 53248 "$out/both.iso" >"$out/both.truncated.iso"

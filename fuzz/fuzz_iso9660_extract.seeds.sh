@@ -23,3 +23,5 @@ mk() { xorriso -as mkisofs -quiet -no-pad "$@" 2>/dev/null; }
 mk -R -o "$out/rockridge-symlink.iso" "$work/tree"
 mk --norock -J -o "$out/joliet.iso" "$work/tree"
 mk -R -J -o "$out/flat.iso" "$work/flat"
+# Damaged: cut inside the file data.
+head -c 53248 "$out/rockridge-symlink.iso" >"$out/rockridge-symlink.truncated.iso"

@@ -29,3 +29,8 @@ if command -v mkudffs >/dev/null 2>&1; then
     mkudffs --media-type=hd --blocksize="$1" --ad="$2" "$img" >/dev/null
   done
 fi
+
+# Damaged: cut before the anchor at block 256 and inside the file data.
+head -c 400000 "$out/udf-bridge.iso" >"$out/udf-bridge.no-anchor.iso"
+size=$(stat -c %s "$out/udf-many.iso")
+head -c $((size - 4096)) "$out/udf-many.iso" >"$out/udf-many.truncated.iso"
