@@ -7,6 +7,7 @@
 #include <cstring>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "cli.h"
@@ -119,7 +120,10 @@ void ReportProblem(const std::string &image, GuessResult result,
   if (result == GUESS_OPEN_FAILED) {
     what = damage.count() > 0 ? damage.first() : OpenFailure(image);
   } else if (damage.count() > 0) {
-    what = "damaged image: " + damage.first();
+    // Detection may word its one report as damage already.
+    static constexpr std::string_view kDamaged = "damaged image: ";
+    what = damage.first().starts_with(kDamaged) ? damage.first()
+                                                : std::string(kDamaged) + damage.first();
     if (damage.count() > 1) {
       what += " (" + std::to_string(damage.count()) + " problems)";
     }
