@@ -2,6 +2,8 @@
 // order, and the small operations that interpret a GuessInfo.
 #include <cstdio>
 #include <cstring>
+#include <memory>
+#include <string>
 
 #include "guestprep/guess.h"
 #include "lib/guessGuest/guessDetect.h"
@@ -13,6 +15,9 @@
 #include "platform/util/str.h"
 
 namespace {
+
+// Real media cost detection tens to hundreds of kilobytes of reads.
+constexpr uint64_t kDetectionReadLimit = 16u << 20;
 
 // The order is part of the contract: the first detector that claims the
 // medium wins. Windows media come first because their markers are the most
@@ -65,35 +70,61 @@ char *WithSuffix(const char *name, const char *message) {
 
 GuessResult guess::Detect(const char *path, const void *udfOption, GuessInfo *info,
                           gp::DamageReporter *reporter) {
-  (void)reporter;  // TODO: wire through the readers
+  (void)udfOption;  // reserved for the host's UDF reader, which takes none
   if (info == nullptr) {
     return GUESS_OPEN_FAILED;
   }
   memset(info, 0, sizeof *info);
-  if (path == nullptr) {
+  std::string why;
+  std::unique_ptr<gp::ImageReader> image =
+      path != nullptr ? gp::OpenFileImageReader(path, &why) : nullptr;
+  if (!image) {
+    if (reporter != nullptr) {
+      reporter->Damage(path != nullptr ? why : "no path");
+    }
     return GUESS_OPEN_FAILED;
   }
+  return DetectImage(*image, info, reporter);
+}
+
+GuessResult guess::DetectImage(gp::ImageReader &image, GuessInfo *info,
+                               gp::DamageReporter *reporter) {
+  memset(info, 0, sizeof *info);
+  // Every reader below reads through this one open image, within a budget
+  // far above what real media cost and far below what a hostile one could.
+  gp::CountingImageReader budget(gp::MakeBorrowedImageReader(image), kDetectionReadLimit);
+  gp::FirstDamageReporter damage;
 
   // UDF first: a bridge image carries both, and its UDF side is the real one.
   GuessMedium medium{};
-  medium.udf = UDF_Open(path, udfOption);
+  medium.udf = UDF_OpenReader(gp::MakeBorrowedImageReader(budget), &damage);
   if (medium.udf != nullptr) {
     medium.type = GUESS_MEDIUM_UDF;
   } else {
-    uint32_t format = 0;
-    if (Iso9660_ListFormats(path, &format) != ISO9660_OK ||
-        Iso9660_Open(path, format, &medium.iso) != ISO9660_OK) {
+    Iso9660Result rc =
+        Iso9660_OpenReader(gp::MakeBorrowedImageReader(budget),
+                           ISO9660_FORMAT_ISO | ISO9660_FORMAT_JOLIET | ISO9660_FORMAT_ROCKRIDGE,
+                           &medium.iso, &damage);
+    if (rc != ISO9660_OK) {
+      if (reporter != nullptr) {
+        reporter->Damage(rc == ISO9660_ERR_NOT_ISO && damage.count() <= 1
+                             ? std::string("neither an ISO 9660 nor a UDF image")
+                             : "damaged image: " + damage.first());
+      }
       return GUESS_OPEN_FAILED;
     }
     medium.type = GUESS_MEDIUM_ISO9660;
   }
 
-  bool recognized = guess::RunDetectors(&medium, info);
+  bool recognized = RunDetectors(&medium, info);
 
   if (medium.type == GUESS_MEDIUM_UDF) {
     UDF_Close(medium.udf);
   } else {
     Iso9660_Close(medium.iso);
+  }
+  if (reporter != nullptr && damage.count() > 0) {
+    reporter->Damage("damaged image: " + damage.first());
   }
   return recognized ? GUESS_RECOGNIZED : GUESS_NOT_RECOGNIZED;
 }

@@ -13,66 +13,53 @@
 
 namespace {
 
+using guess::ArchKeys;
 using guess::Contains;
+using guess::Medium;
+using guess::MediumFile;
 using guess::StartsWith;
 
-using guess::MediumFile;
-
-enum class Arch { None, X86_64, X86, Arm64 };
+// ".disk/info" is one line.
+constexpr size_t kDiskInfoBytes = 4096;
 
 // The architecture words, tested in this order over the whole text: a
 // multi-arch medium that names "amd64" anywhere is a 64-bit x86 one.
-Arch ArchOf(std::string_view text) {
+GuessElfArch ArchOf(std::string_view text) {
   if (Contains(text, "amd64")) {
-    return Arch::X86_64;
+    return GUESS_ARCH_X86_64;
   }
   if (Contains(text, "i386")) {
-    return Arch::X86;
+    return GUESS_ARCH_X86;
   }
   if (Contains(text, "arm64")) {
-    return Arch::Arm64;
+    return GUESS_ARCH_ARM64;
   }
-  return Arch::None;
+  return GUESS_ARCH_UNKNOWN;
 }
 
 // Debian releases by the start of ".disk/info"; the first matching prefix
 // wins. Before Debian 10 there was no Arm key of Debian's own.
 struct DebianRelease {
   std::string_view prefix;
-  const char *key64;
-  const char *key32;
-  const char *keyArm;
+  ArchKeys keys;
 };
 constexpr std::array<DebianRelease, 10> kDebianReleases{{
-    {"Debian GNU/Linux 4.0", "debian4-64", "debian4", "arm-ubuntu-64"},
-    {"Debian GNU/Linux 5.0", "debian5-64", "debian5", "arm-ubuntu-64"},
-    {"Debian GNU/Linux 6.0", "debian6-64", "debian6", "arm-ubuntu-64"},
-    {"Debian GNU/Linux 7.", "debian7-64", "debian7", "arm-ubuntu-64"},
-    {"Debian GNU/Linux 8.", "debian8-64", "debian8", "arm-ubuntu-64"},
-    {"Debian GNU/Linux 9.", "debian9-64", "debian9", "arm-ubuntu-64"},
-    {"Debian GNU/Linux 10.", "debian10-64", "debian10", "arm-debian10-64"},
-    {"Debian GNU/Linux 11.", "debian11-64", "debian11", "arm-debian11-64"},
-    {"Debian GNU/Linux 12.", "debian12-64", "debian12", "arm-debian12-64"},
+    {"Debian GNU/Linux 4.0", {"debian4", "debian4-64", "arm-ubuntu-64"}},
+    {"Debian GNU/Linux 5.0", {"debian5", "debian5-64", "arm-ubuntu-64"}},
+    {"Debian GNU/Linux 6.0", {"debian6", "debian6-64", "arm-ubuntu-64"}},
+    {"Debian GNU/Linux 7.", {"debian7", "debian7-64", "arm-ubuntu-64"}},
+    {"Debian GNU/Linux 8.", {"debian8", "debian8-64", "arm-ubuntu-64"}},
+    {"Debian GNU/Linux 9.", {"debian9", "debian9-64", "arm-ubuntu-64"}},
+    {"Debian GNU/Linux 10.", {"debian10", "debian10-64", "arm-debian10-64"}},
+    {"Debian GNU/Linux 11.", {"debian11", "debian11-64", "arm-debian11-64"}},
+    {"Debian GNU/Linux 12.", {"debian12", "debian12-64", "arm-debian12-64"}},
     // No 32-bit x86 key exists for Debian 13; such media get the generic
     // 32-bit Ubuntu key, the closest installer the host knows.
-    {"Debian GNU/Linux 13.", "debian13-64", "ubuntu", "arm-debian13-64"},
+    {"Debian GNU/Linux 13.", {"ubuntu", "debian13-64", "arm-debian13-64"}},
 }};
 
 constexpr std::array<std::string_view, 4> kUbuntuNames{"Ubuntu", "Kubuntu", "Xubuntu", "Edubuntu"};
-
-const char *KeyFor(Arch arch, const char *key64, const char *key32, const char *keyArm) {
-  switch (arch) {
-    case Arch::X86_64:
-      return key64;
-    case Arch::X86:
-      return key32;
-    case Arch::Arm64:
-      return keyArm;
-    case Arch::None:
-      break;
-  }
-  return nullptr;
-}
+constexpr ArchKeys kUbuntuKeys{"ubuntu", "ubuntu-64", "arm-ubuntu-64"};
 
 bool Below(const char *release, const char *bound) {
   return Util_CompareDotted(release, bound) < 0;
@@ -119,22 +106,23 @@ GuessVersion DesktopVersion(const char *release) {
 
 }  // namespace
 
-extern "C" bool Guess_Debian(GuessMedium *medium, GuessInfo *info) {
-  if (medium == nullptr || info == nullptr) {
+extern "C" bool Guess_Debian(GuessMedium *raw, GuessInfo *info) {
+  if (raw == nullptr || info == nullptr) {
     return false;
   }
-  MediumFile diskInfo = MediumFile::Read(medium, ".disk/info");
+  const Medium medium(raw);
+  MediumFile diskInfo = medium.Read(".disk/info", kDiskInfoBytes);
   if (!diskInfo) {
     return info->osKey != nullptr;
   }
-  bool noIsolinuxCfg = !Guess_FileExists(medium, "isolinux", "isolinux.cfg");
+  bool noIsolinuxCfg = !medium.Exists("isolinux", "isolinux.cfg");
   // As the C string functions see it: a NUL ends the text.
   const std::string_view text = diskInfo.text();
-  const Arch arch = ArchOf(text);
+  const GuessElfArch arch = ArchOf(text);
 
   for (const DebianRelease &release : kDebianReleases) {
     if (StartsWith(text, release.prefix)) {
-      const char *key = KeyFor(arch, release.key64, release.key32, release.keyArm);
+      const char *key = release.keys.For(arch);
       if (key == nullptr) {
         return info->osKey != nullptr;
       }
@@ -152,7 +140,7 @@ extern "C" bool Guess_Debian(GuessMedium *medium, GuessInfo *info) {
   if (!ubuntu) {
     return info->osKey != nullptr;
   }
-  const char *key = KeyFor(arch, "ubuntu-64", "ubuntu", "arm-ubuntu-64");
+  const char *key = kUbuntuKeys.For(arch);
 
   // The release is the second blank-separated word ("Ubuntu 22.04.3 LTS ...").
   GuessVersion version = GUESS_VERSION_UBUNTU_704_OR_LOWER;

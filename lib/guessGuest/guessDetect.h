@@ -9,12 +9,18 @@
 
 namespace guess {
 
-// Guess_Guest, handing the damage the image readers meet (at most one
-// report per volume) to reporter; null drops it. Why the image could not be
-// opened at all (missing, not a regular file, not ISO 9660 nor UDF) goes to
-// reporter too, so a caller can say why a GUESS_OPEN_FAILED happened.
+// Guess_Guest, opening the image once. reporter (may be null) gets at most
+// one report per call: why the image could not be opened ("No such file or
+// directory", "not a regular file", "neither an ISO 9660 nor a UDF image",
+// "damaged image: ..."), or else the first damage the readers met while the
+// detectors looked at it ("damaged image: ...").
 GuessResult Detect(const char *path, const void *udfOption, GuessInfo *info,
                    gp::DamageReporter *reporter);
+
+// The same over an image already open (tests count its reads, the fuzzer
+// reads from memory). Whatever the image holds, detection reads at most
+// 16 MiB of it.
+GuessResult DetectImage(gp::ImageReader &image, GuessInfo *info, gp::DamageReporter *reporter);
 
 }  // namespace guess
 

@@ -1,4 +1,14 @@
 // Shared by the detection driver, the media access layer and the detectors.
+//
+// Detectors see the medium only through guess::Medium below: they ask
+// whether a file or directory exists, read the first bytes of a marker file
+// and list a directory; none of them pairs opens and closes by hand.
+//
+// What a detector returns (every Guess_<family> operation): true exactly
+// when info->osKey is set on return. One that does not recognise the medium
+// leaves osKey as it found it (null when run by Guess_Guest) and returns
+// osKey != null; it may leave text fields (versionText, language, editions)
+// written.
 #ifndef GUESTPREP_LIB_GUESSINTERNAL_H
 #define GUESTPREP_LIB_GUESSINTERNAL_H
 
@@ -27,13 +37,15 @@ std::string ToLower(std::string s);
 // share it.
 bool RunDetectors(GuessMedium *medium, GuessInfo *info);
 
-// Case-sensitive tests on marker texts.
+// Tests on marker texts: case-sensitive, and ASCII-caseless for names the
+// installers wrote in whatever case a release used.
 inline bool StartsWith(std::string_view text, std::string_view prefix) {
   return text.substr(0, prefix.size()) == prefix;
 }
 inline bool Contains(std::string_view text, std::string_view needle) {
   return text.find(needle) != std::string_view::npos;
 }
+bool CaselessStartsWith(std::string_view text, std::string_view prefix);
 
 // Writes text into a fixed-size field, truncated to fit, always terminated.
 template <size_t N>
@@ -43,30 +55,95 @@ void SetField(char (&field)[N], std::string_view text) {
   field[n] = '\0';
 }
 
-// A whole file read from the medium (null when absent), freed on scope exit.
 struct FreeDeleter {
   void operator()(char *p) const { free(p); }
 };
+
+// The keys of one row of a detector's table by architecture (the values of
+// Guess_ELF_Arch); null where the row has no key for it.
+struct ArchKeys {
+  const char *x86 = nullptr;
+  const char *x86_64 = nullptr;
+  const char *arm64 = nullptr;
+  const char *For(GuessElfArch arch) const {
+    switch (arch) {
+      case GUESS_ARCH_X86:
+        return x86;
+      case GUESS_ARCH_X86_64:
+        return x86_64;
+      case GUESS_ARCH_ARM64:
+        return arm64;
+      default:
+        return nullptr;
+    }
+  }
+};
+
+// How much of a marker file a detector reads unless it says otherwise: the
+// release, build and product files detectors look at are a few kilobytes,
+// and whatever a hostile image claims, no more than this is read.
+constexpr size_t kMarkerBytes = 64u << 10;
+
+// The first bytes of a marker file (all of it when it is smaller than the
+// cap it was read with); empty and false when the file is absent.
 class MediumFile {
  public:
   MediumFile() = default;
-  MediumFile(char *data, uint64_t size) : data_(data), size_(size) {}
-  static MediumFile Read(GuessMedium *medium, const char *path);
-  explicit operator bool() const { return data_ != nullptr; }
-  std::string_view view() const {
-    return data_ ? std::string_view(data_.get(), static_cast<size_t>(size_)) : std::string_view();
-  }
+  MediumFile(std::string data) : data_(std::move(data)), present_(true) {}
+  explicit operator bool() const { return present_; }
+  std::string_view view() const { return data_; }
   // The text up to its first NUL, as the C string functions would see it.
-  std::string_view text() const {
-    return data_ ? std::string_view(data_.get()) : std::string_view();
-  }
-  bool contains(std::string_view needle) const {
-    return text().find(needle) != std::string_view::npos;
-  }
+  std::string_view text() const { return std::string_view(data_.c_str()); }
+  bool contains(std::string_view needle) const { return Contains(text(), needle); }
 
  private:
-  std::unique_ptr<char, FreeDeleter> data_;
-  uint64_t size_ = 0;
+  std::string data_;
+  bool present_ = false;
+};
+
+// Detection's view of an open medium. Paths are relative to the root ("" or
+// "/" is the root); a directory path is tried as given, then upper-cased,
+// then lower-cased, and so is a file name read with Read.
+class Medium {
+ public:
+  explicit Medium(GuessMedium *medium) : medium_(medium) {}
+
+  // An open directory, closed when it goes out of scope.
+  class Dir {
+   public:
+    Dir(GuessMedium *medium, GuessDir *dir) : medium_(medium), dir_(dir) {}
+    Dir(Dir &&other) noexcept : medium_(other.medium_), dir_(other.dir_) { other.dir_ = nullptr; }
+    Dir(const Dir &) = delete;
+    Dir &operator=(const Dir &) = delete;
+    ~Dir() {
+      if (dir_ != nullptr) {
+        Guess_CloseDir(medium_, dir_);
+      }
+    }
+    explicit operator bool() const { return dir_ != nullptr; }
+    // The next entry's name (valid until the next call), null at the end.
+    const char *Next() { return dir_ != nullptr ? Guess_ReadDir(medium_, dir_) : nullptr; }
+
+   private:
+    GuessMedium *medium_;
+    GuessDir *dir_;
+  };
+
+  Dir Open(std::string_view path) const;
+  bool DirExists(std::string_view path) const { return static_cast<bool>(Open(path)); }
+  // The file name in dir, by its name exactly as given (names inside a
+  // directory are compared ignoring case on ISO 9660 media, exactly on UDF).
+  bool Exists(std::string_view dir, std::string_view name) const;
+  // Some entry of dir whose name starts with prefix, ignoring case.
+  bool HasEntryWithPrefix(std::string_view dir, std::string_view prefix) const;
+  // At most maxBytes from the start of the file at path.
+  MediumFile Read(std::string_view path, size_t maxBytes = kMarkerBytes) const;
+
+  // The ISO 9660 volume identifier; empty on UDF media.
+  std::string VolumeId() const;
+
+ private:
+  GuessMedium *medium_;
 };
 
 }  // namespace guess

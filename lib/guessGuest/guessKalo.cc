@@ -4,7 +4,6 @@
 #include <libxml/tree.h>
 
 #include <array>
-#include <climits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -12,15 +11,16 @@
 
 #include "guestprep/guess.h"
 #include "lib/guessGuest/guessInternal.h"
-#include "platform/util/str.h"
 
 namespace {
 
+using guess::CaselessStartsWith;
+using guess::Medium;
 using guess::MediumFile;
 
-// A real "packages.xml" is a few kilobytes; anything past this is not the
+// A real "packages.xml" is a few kilobytes; a larger one is not the
 // installer's manifest and is not handed to the parser at all.
-constexpr uint64_t kMaxPackagesXmlBytes = 4u << 20;
+constexpr size_t kMaxPackagesXmlBytes = 256u << 10;
 
 // The manifest comes from an untrusted image: no network access, no DTD
 // loading, and no entity substitution (XML_PARSE_NOENT stays off, so an
@@ -52,13 +52,9 @@ std::optional<std::string> ElementText(const xmlNode *element) {
   return std::string(reinterpret_cast<const char *>(child->content));
 }
 
-bool CaselessStartsWith(const std::string &text, const char *prefix) {
-  return StrUtil_CaselessStartsWith(text.c_str(), prefix);
-}
-
 // True when the manifest names the hypervisor installer, release 4.
 bool IsKaloManifest(std::string_view xml) {
-  if (xml.empty() || xml.size() > kMaxPackagesXmlBytes || xml.size() > INT_MAX) {
+  if (xml.empty() || xml.size() > kMaxPackagesXmlBytes) {
     return false;
   }
   XmlDoc doc(xmlReadMemory(xml.data(), static_cast<int>(xml.size()), "packages.xml", nullptr,
@@ -113,18 +109,8 @@ constexpr std::array<KaloiTitle, 7> kKaloiTitles{{
 }};
 
 // An Arm-only medium has the Arm boot loader and not the x86 one.
-bool ArmOnly(GuessMedium *medium) {
-  return Guess_FileExists(medium, "EFI/BOOT", "BOOTAA64.EFI") &&
-         !Guess_FileExists(medium, "EFI/BOOT", "BOOTX64.EFI");
-}
-
-bool DirExists(GuessMedium *medium, const char *path) {
-  GuessDir *dir = Guess_OpenDir(medium, path);
-  if (dir == nullptr) {
-    return false;
-  }
-  Guess_CloseDir(medium, dir);
-  return true;
+bool ArmOnly(const Medium &medium) {
+  return medium.Exists("EFI/BOOT", "BOOTAA64.EFI") && !medium.Exists("EFI/BOOT", "BOOTX64.EFI");
 }
 
 bool Recognize(GuessInfo *info, const char *key) {
@@ -137,22 +123,24 @@ bool Recognize(GuessInfo *info, const char *key) {
 
 extern "C" {
 
-bool Guess_Kalo(GuessMedium *medium, GuessInfo *info) {
-  if (medium == nullptr || info == nullptr) {
+bool Guess_Kalo(GuessMedium *raw, GuessInfo *info) {
+  if (raw == nullptr || info == nullptr) {
     return false;
   }
-  MediumFile manifest = MediumFile::Read(medium, "packages.xml");
+  // One byte past the limit tells a manifest that is too large.
+  MediumFile manifest = Medium(raw).Read("packages.xml", kMaxPackagesXmlBytes + 1);
   if (manifest && IsKaloManifest(manifest.view())) {
     return Recognize(info, "tavkernel");
   }
   return info->osKey != nullptr;
 }
 
-bool Guess_Kaloi(GuessMedium *medium, GuessInfo *info) {
-  if (medium == nullptr || info == nullptr) {
+bool Guess_Kaloi(GuessMedium *raw, GuessInfo *info) {
+  if (raw == nullptr || info == nullptr) {
     return false;
   }
-  MediumFile cfg = MediumFile::Read(medium, "isolinux.cfg");
+  const Medium medium(raw);
+  MediumFile cfg = medium.Read("isolinux.cfg");
   if (!cfg) {
     return info->osKey != nullptr;
   }
@@ -172,17 +160,19 @@ bool Guess_Kaloi(GuessMedium *medium, GuessInfo *info) {
   return info->osKey != nullptr;
 }
 
-bool Guess_Tarvex(GuessMedium *medium, GuessInfo *info) {
-  if (medium == nullptr || info == nullptr) {
+bool Guess_Tarvex(GuessMedium *raw, GuessInfo *info) {
+  if (raw == nullptr || info == nullptr) {
     return false;
   }
-  if (!Guess_FileExists(medium, "", "TARVEX_BRIMLE_CD")) {
+  const Medium medium(raw);
+  if (!medium.Exists("", "TARVEX_BRIMLE_CD")) {
     return info->osKey != nullptr;
   }
   info->version = GUESS_VERSION_UNKNOWN;
   info->noIsolinuxCfg = false;
-  const bool x86_64 = DirExists(medium, "RPMS/x86_64");
-  const bool arm64 = DirExists(medium, "RPMS/aarch64");
+  // One architecture's package tree, not both.
+  const bool x86_64 = medium.DirExists("RPMS/x86_64");
+  const bool arm64 = medium.DirExists("RPMS/aarch64");
   if (x86_64 == arm64) {
     return info->osKey != nullptr;
   }

@@ -7,15 +7,14 @@
 
 #include "guestprep/guess.h"
 #include "lib/guessGuest/guessInternal.h"
-#include "platform/iso9660/iso9660.h"
 #include "platform/util/utilVersion.h"
 
 namespace {
 
 using guess::Contains;
-using guess::StartsWith;
-
+using guess::Medium;
 using guess::MediumFile;
+using guess::StartsWith;
 
 // Key from an architecture word anywhere in the text; 64-bit wins.
 const char *KeyForArchText(std::string_view text) {
@@ -43,18 +42,10 @@ struct Found {
   bool decided = false;  // the volume identifier alone decided
 };
 
-Found FromVolumeId(GuessMedium *medium) {
+Found FromVolumeId(const Medium &medium) {
   Found found;
-  if (medium->type != GUESS_MEDIUM_ISO9660 || medium->iso == nullptr) {
-    return found;
-  }
-  char *raw = nullptr;
-  if (Iso9660_GetVolumeId(medium->iso, &raw) != ISO9660_OK || raw == nullptr) {
-    free(raw);
-    return found;
-  }
-  std::unique_ptr<char, guess::FreeDeleter> owned(raw);
-  std::string_view id(raw);
+  const std::string volumeId = medium.VolumeId();
+  std::string_view id(volumeId);
   if (!StartsWith(id, kVolumePrefix)) {
     return found;
   }
@@ -69,10 +60,10 @@ Found FromVolumeId(GuessMedium *medium) {
 
 // Refines key and version from "product.id", one line of comma-separated
 // name=value pairs ("vendor=Mandriva,...,version=2008.1,...,arch=i586").
-void FromProductId(GuessMedium *medium, GuessInfo *info, Found *found) {
-  MediumFile product = MediumFile::Read(medium, "i586/product.id");
+void FromProductId(const Medium &medium, GuessInfo *info, Found *found) {
+  MediumFile product = medium.Read("i586/product.id");
   if (!product) {
-    product = MediumFile::Read(medium, "x86_64/product.id");
+    product = medium.Read("x86_64/product.id");
   }
   std::string_view text = product.text();
   if (!StartsWith(text, "vendor=Mandriva")) {
@@ -111,13 +102,14 @@ bool Recognize(GuessInfo *info, const char *key, GuessVersion version, bool noIs
 
 }  // namespace
 
-extern "C" bool Guess_Mandriva(GuessMedium *medium, GuessInfo *info) {
-  if (medium == nullptr || info == nullptr) {
+extern "C" bool Guess_Mandriva(GuessMedium *raw, GuessInfo *info) {
+  if (raw == nullptr || info == nullptr) {
     return false;
   }
+  const Medium medium(raw);
 
   // Media up to 2006 carry a one-line release file in the root.
-  if (MediumFile version = MediumFile::Read(medium, "VERSION")) {
+  if (MediumFile version = medium.Read("VERSION")) {
     std::string_view text = version.text();
     if (StartsWith(text, "Mandrake")) {
       return Recognize(info, "mandrake", GUESS_VERSION_UNKNOWN, false);
@@ -139,7 +131,7 @@ extern "C" bool Guess_Mandriva(GuessMedium *medium, GuessInfo *info) {
 
   bool noIsolinuxCfg = true;
   for (const char *dir : kIsolinuxDirs) {
-    if (Guess_FileExists(medium, dir, "isolinux.cfg")) {
+    if (medium.Exists(dir, "isolinux.cfg")) {
       noIsolinuxCfg = false;
       break;
     }

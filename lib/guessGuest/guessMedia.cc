@@ -1,7 +1,7 @@
 // Media access layer: directories and files of an installation image,
 // whatever its file system (ISO 9660 or UDF) and the letter case its
-// directories were mastered in.
-#include <algorithm>
+// directories were mastered in. The exported Guess_* operations and the
+// detectors' guess::Medium share one implementation.
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -16,13 +16,9 @@
 
 namespace {
 
-// Detectors read small marker files; a hostile image must not make them
-// allocate without bound, so anything larger counts as absent.
-constexpr uint64_t kMaxFileSize = 0x10000000;  // 256 MiB
-// Initial buffer for an ISO 9660 file whose recorded size is untrusted.
-constexpr size_t kMaxPresize = 1 << 20;
-constexpr uint32_t kIsoChunk = 2048;
-constexpr uint32_t kIsoUnknownSize = 0xFFFFFFFF;
+// Guess_ReadFile hands back whole files; anything larger than any marker
+// file could be counts as absent rather than being read into memory.
+constexpr uint64_t kMaxWholeFile = 16u << 20;
 
 static_assert(sizeof(GuessDir::entry) == sizeof(Iso9660DirEntry),
               "GuessDir holds exactly one ISO 9660 directory entry");
@@ -54,128 +50,200 @@ GuessDir *OpenDirOnce(GuessMedium *medium, const std::string &path) {
   return dir;
 }
 
-// Contents of a file as one malloc'd block plus a NUL; null when absent.
-struct Found {
-  bool present = false;
-  char *contents = nullptr;
-  uint64_t size = 0;
-};
-
-Found ReadIsoFile(GuessMedium *medium, const Iso9660DirEntry &entry) {
-  Found found;
-  Iso9660File *file = nullptr;
-  if (Iso9660_OpenFile(medium->iso, &entry, &file) != ISO9660_OK) {
-    return found;
-  }
-  std::string data;
-  if (entry.size != kIsoUnknownSize) {
-    data.reserve(std::min<size_t>(static_cast<size_t>(entry.size) + 1, kMaxPresize));
-  }
-  char chunk[kIsoChunk];
-  Iso9660Result rc;
-  for (;;) {
-    uint32_t length = kIsoChunk;
-    rc = Iso9660_ReadFile(medium->iso, file, chunk, &length);
-    if (rc != ISO9660_OK) {
-      break;
+GuessDir *OpenDir(GuessMedium *medium, std::string_view path) {
+  CheckMedium(medium);
+  const std::string given(path);
+  GuessDir *dir = OpenDirOnce(medium, given);
+  for (const std::string &variant : {guess::ToUpper(given), guess::ToLower(given)}) {
+    if (dir == nullptr && variant != given) {
+      dir = OpenDirOnce(medium, variant);
     }
-    if (length > kIsoChunk || data.size() + length > kMaxFileSize) {
-      rc = ISO9660_ERR_LIMIT;
-      break;
-    }
-    data.append(chunk, length);
   }
-  Iso9660_CloseFile(medium->iso, file);
-  if (rc != ISO9660_EOF) {
-    return found;
-  }
-  found.contents = static_cast<char *>(malloc(data.size() + 1));
-  if (found.contents == nullptr) {
-    return found;
-  }
-  memcpy(found.contents, data.data(), data.size());
-  found.contents[data.size()] = '\0';
-  found.size = data.size();
-  found.present = true;
-  return found;
+  return dir;
 }
 
-Found LookupIso(GuessMedium *medium, GuessDir *dir, const char *name, bool read) {
+// What a lookup found: presence and, when asked, the file's first bytes.
+struct Found {
+  bool present = false;
+  std::string data;
+};
+
+// How much of a file to read: none, the first maxBytes, or all of it (a
+// larger file then counts as absent).
+struct Want {
+  bool read = false;
+  uint64_t maxBytes = 0;
+  bool whole = false;
+};
+
+// The size to read of a file of size bytes, or false when it is too large.
+bool ReadSize(uint64_t size, const Want &want, size_t *n) {
+  if (want.whole && size > want.maxBytes) {
+    return false;
+  }
+  *n = static_cast<size_t>(size < want.maxBytes ? size : want.maxBytes);
+  return true;
+}
+
+Found LookupIso(GuessMedium *medium, GuessDir *dir, const char *name, const Want &want) {
   Found found;
   // The entry last listed on this handle counts as absent (a fresh handle
   // holds the empty name).
   if (Str_Strcasecmp(name, IsoEntry(dir)->name) == 0) {
     return found;
   }
-  // A private handle, so the caller's listing position never moves.
-  Iso9660Dir *scan = nullptr;
-  if (Iso9660_OpenDir(medium->iso, dir->path, &scan) != ISO9660_OK) {
+  auto entry = std::make_unique<Iso9660DirEntry>();
+  if (Iso9660_Lookup(medium->iso, dir->isoDir, name, true, entry.get()) != ISO9660_OK) {
     return found;
   }
-  auto entry = std::make_unique<Iso9660DirEntry>();
-  for (;;) {
-    if (Iso9660_ReadDir(medium->iso, scan, entry.get()) != ISO9660_OK) {
-      Iso9660_CloseDir(medium->iso, scan);
-      return found;
-    }
-    if (Str_Strcasecmp(entry->name, name) == 0) {
-      break;
-    }
+  Iso9660File *file = nullptr;
+  if (Iso9660_OpenFile(medium->iso, entry.get(), &file) != ISO9660_OK) {
+    return found;
   }
-  if (!read) {
-    Iso9660File *file = nullptr;
-    if (Iso9660_OpenFile(medium->iso, entry.get(), &file) == ISO9660_OK) {
-      Iso9660_CloseFile(medium->iso, file);
-      found.present = true;
-    }
-  } else {
-    found = ReadIsoFile(medium, *entry);
+  size_t n = 0;
+  if (!want.read) {
+    found.present = true;
+  } else if (ReadSize(entry->size64, want, &n)) {
+    found.data.resize(n);
+    found.present = Iso9660_PReadFile(medium->iso, file, found.data.data(), 0, n) == ISO9660_OK;
   }
-  Iso9660_CloseDir(medium->iso, scan);
+  Iso9660_CloseFile(medium->iso, file);
   return found;
 }
 
-Found LookupUdf(GuessMedium *medium, GuessDir *dir, const char *name, bool read) {
+Found LookupUdf(GuessMedium *medium, GuessDir *dir, const char *name, const Want &want) {
   Found found;
   UDFFile *file = UDF_OpenFile(medium->udf, dir->udfDir, name);
   if (file == nullptr) {
     return found;
   }
-  if (!read) {
-    UDF_CloseFile(file);
-    found.present = true;
-    return found;
-  }
+  size_t n = 0;
   uint64_t size = UDF_GetFileSize(medium->udf, file);
-  if (size == UINT64_MAX || size > kMaxFileSize) {
-    UDF_CloseFile(file);
-    return found;
+  if (!want.read) {
+    found.present = true;
+  } else if (size != UINT64_MAX && ReadSize(size, want, &n)) {
+    found.data.resize(n);
+    found.present = n == 0 || UDF_PReadFile(file, found.data.data(), 0, n);
   }
-  char *block = static_cast<char *>(malloc(static_cast<size_t>(size) + 1));
-  if (block == nullptr) {
-    UDF_CloseFile(file);
-    return found;
-  }
-  if (size > 0 && !UDF_PReadFile(file, block, 0, static_cast<size_t>(size))) {
-    free(block);
-    UDF_CloseFile(file);
-    return found;
-  }
-  block[size] = '\0';
   UDF_CloseFile(file);
-  found.present = true;
-  found.contents = block;
-  found.size = size;
   return found;
 }
 
-Found Lookup(GuessMedium *medium, GuessDir *dir, const char *name, bool read) {
+Found Lookup(GuessMedium *medium, GuessDir *dir, const char *name, const Want &want) {
   CheckMedium(medium);
-  return medium->type == GUESS_MEDIUM_ISO9660 ? LookupIso(medium, dir, name, read)
-                                              : LookupUdf(medium, dir, name, read);
+  return medium->type == GUESS_MEDIUM_ISO9660 ? LookupIso(medium, dir, name, want)
+                                              : LookupUdf(medium, dir, name, want);
+}
+
+// Reads name from dir, trying it as given, upper-cased and lower-cased. ISO
+// 9660 lookups ignore case already, so there the first try is the answer.
+Found ReadVariants(GuessMedium *medium, GuessDir *dir, std::string_view name, const Want &want) {
+  const std::string given(name);
+  Found found = Lookup(medium, dir, given.c_str(), want);
+  if (found.present || medium->type == GUESS_MEDIUM_ISO9660) {
+    return found;
+  }
+  for (const std::string &variant : {guess::ToUpper(given), guess::ToLower(given)}) {
+    if (variant != given && (found = Lookup(medium, dir, variant.c_str(), want)).present) {
+      break;
+    }
+  }
+  return found;
+}
+
+// Splits "dir/name" at its last separator; a bare name lives in the root.
+std::pair<std::string_view, std::string_view> SplitPath(std::string_view path) {
+  size_t slash = path.rfind('/');
+  if (slash == std::string_view::npos) {
+    return {std::string_view(), path};
+  }
+  return {path.substr(0, slash), path.substr(slash + 1)};
+}
+
+char *ToHeap(const std::string &data) {
+  char *block = static_cast<char *>(malloc(data.size() + 1));
+  if (block != nullptr) {
+    memcpy(block, data.data(), data.size());
+    block[data.size()] = '\0';
+  }
+  return block;
 }
 
 }  // namespace
+
+namespace guess {
+
+std::string ToUpper(std::string s) {
+  Str_ToUpper(s.data());
+  return s;
+}
+
+std::string ToLower(std::string s) {
+  Str_ToLower(s.data());
+  return s;
+}
+
+bool CaselessStartsWith(std::string_view text, std::string_view prefix) {
+  if (text.size() < prefix.size()) {
+    return false;
+  }
+  for (size_t i = 0; i < prefix.size(); ++i) {
+    unsigned char a = static_cast<unsigned char>(text[i]);
+    unsigned char b = static_cast<unsigned char>(prefix[i]);
+    if ((a >= 'A' && a <= 'Z' ? a + 32 : a) != (b >= 'A' && b <= 'Z' ? b + 32 : b)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+Medium::Dir Medium::Open(std::string_view path) const {
+  return Dir(medium_, OpenDir(medium_, path));
+}
+
+bool Medium::Exists(std::string_view dirPath, std::string_view name) const {
+  GuessDir *dir = OpenDir(medium_, dirPath);
+  if (dir == nullptr) {
+    return false;
+  }
+  Dir closer(medium_, dir);
+  return Lookup(medium_, dir, std::string(name).c_str(), Want{}).present;
+}
+
+bool Medium::HasEntryWithPrefix(std::string_view dirPath, std::string_view prefix) const {
+  Dir dir = Open(dirPath);
+  while (const char *name = dir.Next()) {
+    if (CaselessStartsWith(name, prefix)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+MediumFile Medium::Read(std::string_view path, size_t maxBytes) const {
+  auto [dirPath, name] = SplitPath(path);
+  GuessDir *dir = OpenDir(medium_, dirPath);
+  if (dir == nullptr) {
+    return MediumFile();
+  }
+  Dir closer(medium_, dir);
+  Found found = ReadVariants(medium_, dir, name, Want{true, maxBytes, false});
+  return found.present ? MediumFile(std::move(found.data)) : MediumFile();
+}
+
+std::string Medium::VolumeId() const {
+  char *id = nullptr;
+  if (medium_->type != GUESS_MEDIUM_ISO9660 ||
+      Iso9660_GetVolumeId(medium_->iso, &id) != ISO9660_OK || id == nullptr) {
+    free(id);
+    return std::string();
+  }
+  std::string copy(id);
+  free(id);
+  return copy;
+}
+
+}  // namespace guess
 
 extern "C" {
 
@@ -183,16 +251,7 @@ GuessDir *Guess_OpenDir(GuessMedium *medium, const char *path) {
   if (medium == nullptr || path == nullptr) {
     return nullptr;
   }
-  CheckMedium(medium);
-  const std::string given(path);
-  GuessDir *dir = OpenDirOnce(medium, given);
-  if (dir == nullptr) {
-    dir = OpenDirOnce(medium, guess::ToUpper(given));
-  }
-  if (dir == nullptr) {
-    dir = OpenDirOnce(medium, guess::ToLower(given));
-  }
-  return dir;
+  return OpenDir(medium, path);
 }
 
 const char *Guess_ReadDir(GuessMedium *medium, GuessDir *dir) {
@@ -241,82 +300,40 @@ char *Guess_ReadFile(GuessMedium *medium, GuessDir *dir, const char *name, uint6
   if (medium == nullptr || dir == nullptr || name == nullptr) {
     return nullptr;
   }
-  const std::string given(name);
-  for (const std::string &variant : {given, guess::ToUpper(given), guess::ToLower(given)}) {
-    Found found = Lookup(medium, dir, variant.c_str(), true);
-    if (found.contents != nullptr) {
-      if (size != nullptr) {
-        *size = found.size;
-      }
-      return found.contents;
-    }
+  Found found = ReadVariants(medium, dir, name, Want{true, kMaxWholeFile, true});
+  char *contents = found.present ? ToHeap(found.data) : nullptr;
+  if (contents != nullptr && size != nullptr) {
+    *size = found.data.size();
   }
-  return nullptr;
+  return contents;
 }
 
 char *Guess_ReadFileName(GuessMedium *medium, const char *path, uint64_t *size) {
   if (medium == nullptr || path == nullptr) {
     return nullptr;
   }
-  const char *slash = strrchr(path, '/');
-  std::string dirPath = slash != nullptr ? std::string(path, slash) : std::string();
-  const char *base = slash != nullptr ? slash + 1 : path;
-  GuessDir *dir = Guess_OpenDir(medium, dirPath.c_str());
+  auto [dirPath, name] = SplitPath(path);
+  GuessDir *dir = OpenDir(medium, dirPath);
   if (dir == nullptr) {
     return nullptr;
   }
-  char *contents = Guess_ReadFile(medium, dir, base, size);
+  char *contents = Guess_ReadFile(medium, dir, std::string(name).c_str(), size);
   Guess_CloseDir(medium, dir);
   return contents;
 }
 
 bool Guess_FileExists(GuessMedium *medium, const char *dirPath, const char *name) {
-  if (medium == nullptr || name == nullptr) {
+  if (medium == nullptr || dirPath == nullptr || name == nullptr) {
     return false;
   }
-  GuessDir *dir = Guess_OpenDir(medium, dirPath);
-  if (dir == nullptr) {
-    return false;
-  }
-  bool present = Lookup(medium, dir, name, false).present;
-  Guess_CloseDir(medium, dir);
-  return present;
+  return guess::Medium(medium).Exists(dirPath, name);
 }
 
 bool Guess_FileExistsWithPrefix(GuessMedium *medium, const char *dirPath, const char *prefix) {
-  if (medium == nullptr || prefix == nullptr) {
+  if (medium == nullptr || dirPath == nullptr || prefix == nullptr) {
     return false;
   }
-  GuessDir *dir = Guess_OpenDir(medium, dirPath);
-  if (dir == nullptr) {
-    return false;
-  }
-  bool found = false;
-  for (const char *name; !found && (name = Guess_ReadDir(medium, dir)) != nullptr;) {
-    found = StrUtil_CaselessStartsWith(name, prefix);
-  }
-  Guess_CloseDir(medium, dir);
-  return found;
+  return guess::Medium(medium).HasEntryWithPrefix(dirPath, prefix);
 }
 
 }  // extern "C"
-
-namespace guess {
-
-MediumFile MediumFile::Read(GuessMedium *medium, const char *path) {
-  uint64_t size = 0;
-  char *data = Guess_ReadFileName(medium, path, &size);
-  return data != nullptr ? MediumFile(data, size) : MediumFile();
-}
-
-std::string ToUpper(std::string s) {
-  Str_ToUpper(s.data());
-  return s;
-}
-
-std::string ToLower(std::string s) {
-  Str_ToLower(s.data());
-  return s;
-}
-
-}  // namespace guess

@@ -11,10 +11,11 @@
 
 namespace {
 
+using guess::ArchKeys;
 using guess::Contains;
-using guess::StartsWith;
-
+using guess::Medium;
 using guess::MediumFile;
+using guess::StartsWith;
 
 bool Recognize(GuessInfo *info, const char *key, const char *key64 = nullptr) {
   info->osKey = key;
@@ -22,26 +23,6 @@ bool Recognize(GuessInfo *info, const char *key, const char *key64 = nullptr) {
   info->version = GUESS_VERSION_UNKNOWN;
   return true;
 }
-
-// Closes the directory on every path out of a listing.
-class OpenDir {
- public:
-  OpenDir(GuessMedium *medium, const char *path)
-      : medium_(medium), dir_(Guess_OpenDir(medium, path)) {}
-  ~OpenDir() {
-    if (dir_ != nullptr) {
-      Guess_CloseDir(medium_, dir_);
-    }
-  }
-  OpenDir(const OpenDir &) = delete;
-  OpenDir &operator=(const OpenDir &) = delete;
-  explicit operator bool() const { return dir_ != nullptr; }
-  const char *Next() { return dir_ != nullptr ? Guess_ReadDir(medium_, dir_) : nullptr; }
-
- private:
-  GuessMedium *medium_;
-  GuessDir *dir_;
-};
 
 // Solaris media name their product directory after the release.
 struct SolarisRelease {
@@ -58,11 +39,11 @@ constexpr std::array<SolarisRelease, 4> kSolarisReleases{{
 
 // Decision of ".image_info" (Solaris 11 media), asked once per listing.
 enum class ImageInfo { Absent, Solaris11, Other };
-ImageInfo ReadImageInfo(GuessMedium *medium) {
-  if (!Guess_FileExists(medium, "", ".image_info")) {
+ImageInfo ReadImageInfo(const Medium &medium) {
+  if (!medium.Exists("", ".image_info")) {
     return ImageInfo::Absent;
   }
-  MediumFile info = MediumFile::Read(medium, ".image_info");
+  MediumFile info = medium.Read(".image_info");
   return info.contains("Oracle Solaris 11") ? ImageInfo::Solaris11 : ImageInfo::Other;
 }
 
@@ -77,7 +58,7 @@ constexpr std::array<NetWareEntry, 3> kNetWareEntries{{
 }};
 
 // Kernel locations, in order; the last is how an ISO 9660 name without an
-// extension may be listed.
+// extension may be listed. Only the ELF header's first bytes are read.
 constexpr std::array<const char *, 3> guessFreeBsdKernels{
     "/kernel",
     "/boot/kernel/kernel",
@@ -88,38 +69,27 @@ constexpr std::array<const char *, 3> guessFreeBsdKernels{
 // key chosen from the kernel's architecture.
 struct FreeBsdRelease {
   std::string_view marker;
-  const char *x86_64;
-  const char *x86;
-  const char *arm64;
+  ArchKeys keys;
 };
+constexpr ArchKeys kFreeBsdKeys{"freeBSD", "freeBSD-64", "arm-freeBSD13-64"};
 constexpr std::array<FreeBsdRelease, 4> kFreeBsdReleases{{
-    {"FreeBSD 14.", "freeBSD14-64", nullptr, "arm-freeBSD14-64"},
-    {"FreeBSD 13.", "freeBSD13-64", "freeBSD13", "arm-freeBSD13-64"},
-    {"FreeBSD 12.", "freeBSD12-64", "freeBSD12", nullptr},
-    {"FreeBSD 11.", "freeBSD11-64", "freeBSD11", nullptr},
+    {"FreeBSD 14.", {nullptr, "freeBSD14-64", "arm-freeBSD14-64"}},
+    {"FreeBSD 13.", {"freeBSD13", "freeBSD13-64", "arm-freeBSD13-64"}},
+    {"FreeBSD 12.", {"freeBSD12", "freeBSD12-64", nullptr}},
+    {"FreeBSD 11.", {"freeBSD11", "freeBSD11-64", nullptr}},
 }};
-
-const char *FreeBsdKey(const FreeBsdRelease &release, GuessElfArch arch) {
-  switch (arch) {
-    case GUESS_ARCH_X86_64:
-      return release.x86_64;
-    case GUESS_ARCH_X86:
-      return release.x86;
-    case GUESS_ARCH_ARM64:
-      return release.arm64;
-    default:
-      return nullptr;
-  }
-}
+// The ELF header up to its machine field, and the first line of the notes.
+constexpr size_t kElfHeaderBytes = 19;
+constexpr size_t kNotesLineBytes = 4096;
 
 // An application bundle is a directory on real media, a marker file on
 // others: either counts as present.
-bool EntryPresent(GuessMedium *medium, const std::string &dir, const std::string &name) {
-  if (Guess_FileExists(medium, dir.c_str(), name.c_str())) {
+bool EntryPresent(const Medium &medium, std::string_view dir, std::string_view name) {
+  if (medium.Exists(dir, name)) {
     return true;
   }
-  std::string path = dir == "/" ? "/" + name : dir + "/" + name;
-  return static_cast<bool>(OpenDir(medium, path.c_str()));
+  std::string path = dir == "/" ? "/" : std::string(dir) + "/";
+  return medium.DirExists(path.append(name));
 }
 
 struct MacRelease {
@@ -139,21 +109,22 @@ constexpr std::array<MacRelease, 3> kMacReleases{{
 
 extern "C" {
 
-bool Guess_TurboLinux(GuessMedium *medium, GuessInfo *info) {
-  if (medium == nullptr || info == nullptr) {
+bool Guess_TurboLinux(GuessMedium *raw, GuessInfo *info) {
+  if (raw == nullptr || info == nullptr) {
     return false;
   }
-  if (StartsWith(MediumFile::Read(medium, "README").text(), "Turbolinux")) {
+  if (StartsWith(Medium(raw).Read("README", 16).text(), "Turbolinux")) {
     return Recognize(info, "turbolinux");
   }
   return info->osKey != nullptr;
 }
 
-bool Guess_Solaris(GuessMedium *medium, GuessInfo *info) {
-  if (medium == nullptr || info == nullptr) {
+bool Guess_Solaris(GuessMedium *raw, GuessInfo *info) {
+  if (raw == nullptr || info == nullptr) {
     return false;
   }
-  OpenDir root(medium, "");
+  const Medium medium(raw);
+  Medium::Dir root = medium.Open("");
   std::optional<ImageInfo> imageInfo;
   while (const char *name = root.Next()) {
     for (const SolarisRelease &release : kSolarisReleases) {
@@ -175,11 +146,11 @@ bool Guess_Solaris(GuessMedium *medium, GuessInfo *info) {
   return info->osKey != nullptr;
 }
 
-bool Guess_NetWare(GuessMedium *medium, GuessInfo *info) {
-  if (medium == nullptr || info == nullptr) {
+bool Guess_NetWare(GuessMedium *raw, GuessInfo *info) {
+  if (raw == nullptr || info == nullptr) {
     return false;
   }
-  OpenDir root(medium, "");
+  Medium::Dir root = Medium(raw).Open("");
   while (const char *name = root.Next()) {
     for (const NetWareEntry &entry : kNetWareEntries) {
       if (Str_Strcasecmp(name, entry.entry) == 0) {
@@ -190,14 +161,14 @@ bool Guess_NetWare(GuessMedium *medium, GuessInfo *info) {
   return info->osKey != nullptr;
 }
 
-bool Guess_FreeBSD(GuessMedium *medium, GuessInfo *info) {
-  if (medium == nullptr || info == nullptr) {
+bool Guess_FreeBSD(GuessMedium *raw, GuessInfo *info) {
+  if (raw == nullptr || info == nullptr) {
     return false;
   }
+  const Medium medium(raw);
   MediumFile kernel;
   for (const char *path : guessFreeBsdKernels) {
-    kernel = MediumFile::Read(medium, path);
-    if (kernel) {
+    if ((kernel = medium.Read(path, kElfHeaderBytes))) {
       break;
     }
   }
@@ -206,27 +177,17 @@ bool Guess_FreeBSD(GuessMedium *medium, GuessInfo *info) {
   }
   const std::string_view bytes = kernel.view();
   const GuessElfArch arch = Guess_ELF_Arch(bytes.data(), bytes.size());
-  const char *key = nullptr;
-  switch (arch) {
-    case GUESS_ARCH_X86_64:
-      key = "freeBSD-64";
-      break;
-    case GUESS_ARCH_X86:
-      key = "freeBSD";
-      break;
-    case GUESS_ARCH_ARM64:
-      key = "arm-freeBSD13-64";
-      break;
-    default:
-      return info->osKey != nullptr;
+  const char *key = kFreeBsdKeys.For(arch);
+  if (key == nullptr) {
+    return info->osKey != nullptr;
   }
 
-  MediumFile notes = MediumFile::Read(medium, "RELNOTES.TXT");
+  MediumFile notes = medium.Read("RELNOTES.TXT", kNotesLineBytes);
   std::string_view text = notes.text();
   std::string_view first = text.substr(0, text.find('\n'));
   for (const FreeBsdRelease &release : kFreeBsdReleases) {
     if (Contains(first, release.marker)) {
-      if (const char *refined = FreeBsdKey(release, arch)) {
+      if (const char *refined = release.keys.For(arch)) {
         key = refined;
       }
       break;
@@ -235,10 +196,11 @@ bool Guess_FreeBSD(GuessMedium *medium, GuessInfo *info) {
   return Recognize(info, key);
 }
 
-bool Guess_MacOS(GuessMedium *medium, GuessInfo *info) {
-  if (medium == nullptr || info == nullptr) {
+bool Guess_MacOS(GuessMedium *raw, GuessInfo *info) {
+  if (raw == nullptr || info == nullptr) {
     return false;
   }
+  const Medium medium(raw);
   for (const MacRelease &release : kMacReleases) {
     if (EntryPresent(medium, release.dir, release.name)) {
       return Recognize(info, release.key, release.key64);

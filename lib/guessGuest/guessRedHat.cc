@@ -12,12 +12,14 @@
 
 namespace {
 
+using guess::ArchKeys;
 using guess::Contains;
+using guess::Medium;
+using guess::MediumFile;
 using guess::StartsWith;
 
-using guess::MediumFile;
-
-enum class Arch { X86, X86_64, Arm64 };
+// ".discinfo" is three or four short lines.
+constexpr size_t kDiscInfoBytes = 4096;
 
 // CentOS release from the GPG key files in the root; the first found wins.
 struct CentosKey {
@@ -41,16 +43,16 @@ constexpr std::array<const char *, 9> kCentos7Perl{
     "perl-5.16.3-297.el7.x86_64.rpm",
 };
 
-GuessVersion CentosRelease(GuessMedium *medium) {
+GuessVersion CentosRelease(const Medium &medium) {
   for (const CentosKey &key : kCentosKeys) {
-    if (!Guess_FileExists(medium, "", key.file)) {
+    if (!medium.Exists("", key.file)) {
       continue;
     }
     if (key.version != GUESS_VERSION_CENTOS_7) {
       return key.version;
     }
     for (const char *perl : kCentos7Perl) {
-      if (Guess_FileExists(medium, "Packages", perl)) {
+      if (medium.Exists("Packages", perl)) {
         return GUESS_VERSION_CENTOS_7;
       }
     }
@@ -59,11 +61,11 @@ GuessVersion CentosRelease(GuessMedium *medium) {
   return GUESS_VERSION_UNKNOWN;
 }
 
-// Lines of a text split at line feeds, empty lines skipped.
-std::vector<std::string_view> Lines(std::string_view text) {
+// The first count lines of a text split at line feeds, empty lines skipped.
+std::vector<std::string_view> Lines(std::string_view text, size_t count) {
   std::vector<std::string_view> lines;
   size_t pos = 0;
-  while (pos < text.size()) {
+  while (pos < text.size() && lines.size() < count) {
     size_t end = text.find('\n', pos);
     if (end == std::string_view::npos) {
       end = text.size();
@@ -120,8 +122,8 @@ GuessVersion FedoraVersion(std::string_view name) {
 }
 
 // RHEL 7 variant from ".TREEINFO"; none means not recognised.
-std::optional<GuessVersion> Rhel7TreeVariant(GuessMedium *medium) {
-  MediumFile treeinfo = MediumFile::Read(medium, ".TREEINFO");
+std::optional<GuessVersion> Rhel7TreeVariant(const Medium &medium) {
+  MediumFile treeinfo = medium.Read(".TREEINFO");
   if (!treeinfo) {
     return std::nullopt;
   }
@@ -151,64 +153,47 @@ GuessVersion RhelNameVariant(std::string_view name) {
   return GUESS_VERSION_RHEL_CLIENT;
 }
 
-// Release-name rules reached when no CentOS key file is present, in order.
-// key32 serves 32-bit x86 and, without keyArm, Arm; key64 serves x86-64; a
-// null key means that architecture is not recognised.
+// Release-name rules reached when no CentOS key file is present, in order;
+// a null key means that architecture is not recognised.
 enum class Special { None, RhelName, Rhel7Tree, AsianuxLive };
 struct NameRule {
   std::array<const char *, 2> prefixes;
-  const char *key32;
-  const char *key64;
-  const char *keyArm;
+  ArchKeys keys;
   Special special;
 };
 constexpr NameRule kNameRules[] = {
-    {{"Red Hat Enterprise Linux 3"}, "rhel3", "rhel3-64", nullptr, Special::None},
-    {{"Red Hat Enterprise Linux 4"}, "rhel4", "rhel4-64", nullptr, Special::None},
+    {{"Red Hat Enterprise Linux 3"}, {"rhel3", "rhel3-64", "rhel3"}, Special::None},
+    {{"Red Hat Enterprise Linux 4"}, {"rhel4", "rhel4-64", "rhel4"}, Special::None},
     {{"Red Hat Enterprise Linux Client 5", "Red Hat Enterprise Linux Server 5"},
-     "rhel5",
-     "rhel5-64",
-     nullptr,
+     {"rhel5", "rhel5-64", "rhel5"},
      Special::None},
-    {{"final", "Final"}, "centos", "centos-64", nullptr, Special::None},
-    {{"CentOS"}, "centos", "centos-64", nullptr, Special::None},
-    {{"Red Hat Enterprise Linux 6"}, "rhel6", "rhel6-64", nullptr, Special::None},
-    {{"RHEL-7."}, "rhel7", "rhel7-64", nullptr, Special::RhelName},
-    {{"Red Hat Enterprise Linux 7."}, "rhel7", "rhel7-64", nullptr, Special::Rhel7Tree},
-    {{"Red Hat Enterprise Linux 8."}, "rhel8-64", "rhel8-64", nullptr, Special::None},
-    {{"Red Hat Enterprise Linux 9."}, "rhel9-64", "rhel9-64", "arm-rhel9-64", Special::None},
-    {{"Red Hat Enterprise Linux 10."}, "rhel10-64", "rhel10-64", "arm-rhel10-64", Special::None},
-    {{"Asianux Server 7"}, "asianux7-64", "asianux7-64", nullptr, Special::AsianuxLive},
-    {{"Asianux 3.0", "Asianux Server 3 SP"}, "asianux3", "asianux3-64", nullptr, Special::None},
-    {{"Asianux Server"}, "asianux4", "asianux4-64", nullptr, Special::None},
+    {{"final", "Final"}, {"centos", "centos-64", "centos"}, Special::None},
+    {{"CentOS"}, {"centos", "centos-64", "centos"}, Special::None},
+    {{"Red Hat Enterprise Linux 6"}, {"rhel6", "rhel6-64", "rhel6"}, Special::None},
+    {{"RHEL-7."}, {"rhel7", "rhel7-64", "rhel7"}, Special::RhelName},
+    {{"Red Hat Enterprise Linux 7."}, {"rhel7", "rhel7-64", "rhel7"}, Special::Rhel7Tree},
+    {{"Red Hat Enterprise Linux 8."}, {"rhel8-64", "rhel8-64", "rhel8-64"}, Special::None},
+    {{"Red Hat Enterprise Linux 9."}, {"rhel9-64", "rhel9-64", "arm-rhel9-64"}, Special::None},
+    {{"Red Hat Enterprise Linux 10."}, {"rhel10-64", "rhel10-64", "arm-rhel10-64"}, Special::None},
+    {{"Asianux Server 7"}, {"asianux7-64", "asianux7-64", "asianux7-64"}, Special::AsianuxLive},
+    {{"Asianux 3.0", "Asianux Server 3 SP"},
+     {"asianux3", "asianux3-64", "asianux3"},
+     Special::None},
+    {{"Asianux Server"}, {"asianux4", "asianux4-64", "asianux4"}, Special::None},
     {{"Enterprise Linux Enterprise Linux 4", "Oracle Linux Server 5."},
-     "oraclelinux",
-     "oraclelinux-64",
-     nullptr,
+     {"oraclelinux", "oraclelinux-64", "oraclelinux"},
      Special::None},
-    {{"Oracle Linux 6."}, "oraclelinux6", "oraclelinux6-64", nullptr, Special::None},
-    {{"OL-7."}, nullptr, "oraclelinux7-64", nullptr, Special::None},
-    {{"Oracle Linux 8."}, nullptr, "oraclelinux8-64", nullptr, Special::None},
-    {{"Oracle Linux 9."}, nullptr, "oraclelinux9-64", nullptr, Special::None},
-    {{"Oracle Linux 10."}, nullptr, "oraclelinux10-64", nullptr, Special::None},
+    {{"Oracle Linux 6."}, {"oraclelinux6", "oraclelinux6-64", "oraclelinux6"}, Special::None},
+    {{"OL-7."}, {nullptr, "oraclelinux7-64", nullptr}, Special::None},
+    {{"Oracle Linux 8."}, {nullptr, "oraclelinux8-64", nullptr}, Special::None},
+    {{"Oracle Linux 9."}, {nullptr, "oraclelinux9-64", nullptr}, Special::None},
+    {{"Oracle Linux 10."}, {nullptr, "oraclelinux10-64", nullptr}, Special::None},
 };
 // Rules after Fedora, which sits between the table above and these two.
 constexpr NameRule kLateNameRules[] = {
-    {{"AlmaLinux"}, "almaLinux-64", "almaLinux-64", "arm-almaLinux-64", Special::None},
-    {{"Rocky Linux"}, "rockyLinux-64", "rockyLinux-64", "arm-rockyLinux-64", Special::None},
+    {{"AlmaLinux"}, {"almaLinux-64", "almaLinux-64", "arm-almaLinux-64"}, Special::None},
+    {{"Rocky Linux"}, {"rockyLinux-64", "rockyLinux-64", "arm-rockyLinux-64"}, Special::None},
 };
-
-const char *KeyFor(const NameRule &rule, Arch arch) {
-  switch (arch) {
-    case Arch::X86_64:
-      return rule.key64;
-    case Arch::Arm64:
-      return rule.keyArm != nullptr ? rule.keyArm : rule.key32;
-    case Arch::X86:
-      return rule.key32;
-  }
-  return nullptr;
-}
 
 const NameRule *FindRule(const NameRule *begin, const NameRule *end, std::string_view name) {
   for (const NameRule *rule = begin; rule != end; ++rule) {
@@ -221,9 +206,9 @@ const NameRule *FindRule(const NameRule *begin, const NameRule *end, std::string
   return nullptr;
 }
 
-std::optional<Detected> ApplyRule(GuessMedium *medium, const NameRule &rule, Arch arch,
+std::optional<Detected> ApplyRule(const Medium &medium, const NameRule &rule, GuessElfArch arch,
                                   std::string_view name) {
-  const char *key = KeyFor(rule, arch);
+  const char *key = rule.keys.For(arch);
   if (key == nullptr) {
     return std::nullopt;
   }
@@ -240,35 +225,34 @@ std::optional<Detected> ApplyRule(GuessMedium *medium, const NameRule &rule, Arc
       return Detected{key, *variant};
     }
     case Special::AsianuxLive:
-      return Detected{key, Guess_FileExists(medium, "LiveOS", "squashfs.img")
-                               ? GUESS_VERSION_ASIANUX_7_LIVE
-                               : GUESS_VERSION_UNKNOWN};
+      return Detected{key, medium.Exists("LiveOS", "squashfs.img") ? GUESS_VERSION_ASIANUX_7_LIVE
+                                                                   : GUESS_VERSION_UNKNOWN};
   }
   return std::nullopt;
 }
 
 // Media with ".DISCINFO": line 2 is the release name, line 3 the architecture.
-std::optional<Detected> FromDiscInfo(GuessMedium *medium, const MediumFile &discinfo,
+std::optional<Detected> FromDiscInfo(const Medium &medium, const MediumFile &discinfo,
                                      bool fedoraLegal, GuessVersion centos) {
-  std::vector<std::string_view> lines = Lines(discinfo.text());
+  std::vector<std::string_view> lines = Lines(discinfo.text(), 3);
   if (lines.size() < 3) {
     return std::nullopt;
   }
   std::string_view name = lines[1];
   std::string_view archLine = lines[2];
-  Arch arch;
+  GuessElfArch arch;
   if (archLine == "x86_64") {
-    arch = Arch::X86_64;
+    arch = GUESS_ARCH_X86_64;
   } else if (archLine == "i386") {
-    arch = Arch::X86;
+    arch = GUESS_ARCH_X86;
   } else if (archLine == "aarch64" &&
              (Contains(name, "Fedora") || Contains(name, "Red Hat") ||
               Contains(name, "AlmaLinux") || Contains(name, "Rocky Linux"))) {
-    arch = Arch::Arm64;
+    arch = GUESS_ARCH_ARM64;
   } else {
     return std::nullopt;
   }
-  const bool x64 = arch == Arch::X86_64;
+  const bool x64 = arch == GUESS_ARCH_X86_64;
 
   if (name == "CentOS Linux 8" || name == "CentOS Stream 8") {
     if (!x64) {
@@ -299,7 +283,7 @@ std::optional<Detected> FromDiscInfo(GuessMedium *medium, const MediumFile &disc
     return ApplyRule(medium, *rule, arch, name);
   }
   if (Contains(name, "Fedora") || fedoraLegal) {
-    const char *key = x64 ? "Fedora-64" : arch == Arch::Arm64 ? "arm-Fedora-64" : "Fedora";
+    const char *key = ArchKeys{"Fedora", "Fedora-64", "arm-Fedora-64"}.For(arch);
     return Detected{key, FedoraVersion(name)};
   }
   if (const NameRule *rule = FindRule(std::begin(kLateNameRules), std::end(kLateNameRules), name)) {
@@ -309,9 +293,9 @@ std::optional<Detected> FromDiscInfo(GuessMedium *medium, const MediumFile &disc
 }
 
 // Media without ".DISCINFO": RHEL 7 boot media, old Red Hat media, live media.
-std::optional<Detected> WithoutDiscInfo(GuessMedium *medium, bool fedoraLegal,
+std::optional<Detected> WithoutDiscInfo(const Medium &medium, bool fedoraLegal,
                                         GuessVersion centos) {
-  MediumFile isolinuxCfg = MediumFile::Read(medium, "isolinux/isolinux.cfg");
+  MediumFile isolinuxCfg = medium.Read("isolinux/isolinux.cfg");
   if (isolinuxCfg.contains("Red Hat Enterprise Linux 7.")) {
     if (isolinuxCfg.contains("x86_64")) {
       return Detected{"rhel7-64", centos};
@@ -322,8 +306,8 @@ std::optional<Detected> WithoutDiscInfo(GuessMedium *medium, bool fedoraLegal,
     return std::nullopt;
   }
 
-  if (!Guess_FileExists(medium, "LiveOS", "squashfs.img")) {
-    MediumFile notes = MediumFile::Read(medium, "RELEASE-NOTES");
+  if (!medium.Exists("LiveOS", "squashfs.img")) {
+    MediumFile notes = medium.Read("RELEASE-NOTES");
     if (!notes) {
       return std::nullopt;
     }
@@ -340,14 +324,14 @@ std::optional<Detected> WithoutDiscInfo(GuessMedium *medium, bool fedoraLegal,
   }
 
   // A live medium.
-  if (MediumFile::Read(medium, "Documents/README").contains("Asianux Server 7")) {
+  if (medium.Read("Documents/README").contains("Asianux Server 7")) {
     return Detected{"asianux7-64", GUESS_VERSION_ASIANUX_7_LIVE};
   }
   if (fedoraLegal) {
     const char *key = "Fedora";
-    if (Guess_FileExists(medium, "EFI/BOOT", "grubx64.efi")) {
+    if (medium.Exists("EFI/BOOT", "grubx64.efi")) {
       key = "Fedora-64";
-    } else if (Guess_FileExists(medium, "EFI/BOOT", "BOOTAA64.EFI")) {
+    } else if (medium.Exists("EFI/BOOT", "BOOTAA64.EFI")) {
       key = "arm-Fedora-64";
     }
     return Detected{key, GUESS_VERSION_FEDORA_LIVE};
@@ -357,13 +341,15 @@ std::optional<Detected> WithoutDiscInfo(GuessMedium *medium, bool fedoraLegal,
 
 }  // namespace
 
-extern "C" bool Guess_RedHat(GuessMedium *medium, GuessInfo *info) {
-  if (medium == nullptr || info == nullptr) {
+extern "C" bool Guess_RedHat(GuessMedium *raw, GuessInfo *info) {
+  if (raw == nullptr || info == nullptr) {
     return false;
   }
-  MediumFile discinfo = MediumFile::Read(medium, ".DISCINFO");
-  const bool fedoraLegal = static_cast<bool>(MediumFile::Read(medium, "Fedora-Legal-README.txt"));
-  const bool hasIsolinux = Guess_FileExists(medium, "isolinux", "isolinux.cfg");
+  const Medium medium(raw);
+  MediumFile discinfo = medium.Read(".DISCINFO", kDiscInfoBytes);
+  // Read, not just looked up: the file counts only when it can be read.
+  const bool fedoraLegal = static_cast<bool>(medium.Read("Fedora-Legal-README.txt", 1));
+  const bool hasIsolinux = medium.Exists("isolinux", "isolinux.cfg");
   const GuessVersion centos = CentosRelease(medium);
 
   std::optional<Detected> detected = discinfo ? FromDiscInfo(medium, discinfo, fedoraLegal, centos)

@@ -14,26 +14,21 @@
 
 namespace {
 
+using guess::CaselessStartsWith;
 using guess::Contains;
-using guess::StartsWith;
-
+using guess::Medium;
 using guess::MediumFile;
+using guess::StartsWith;
 
 // Words of "content" lines are separated by blanks.
 constexpr const char kBlanks[] = " \t";
 // Words of the products file run across lines.
 constexpr const char kProductSeparators[] = " \t\n";
 constexpr std::string_view kDiskMarker = ".S.u.S.E-disk";
+// "content" carries a checksum line per file after the product lines.
+constexpr size_t kContentBytes = 256u << 10;
 // "content" keeps major 0 and minor -1 when no VERSION line has numbers.
 constexpr int kNoMinor = -1;
-
-// Names in "content" are matched as the installer wrote them over the
-// years, in whatever letter case that release used.
-bool CaselessStartsWith(std::string_view text, std::string_view prefix) {
-  return text.size() >= prefix.size() &&
-         Str_Strncasecmp(std::string(text.substr(0, prefix.size())).c_str(),
-                         std::string(prefix).c_str(), prefix.size()) == 0;
-}
 
 struct Detected {
   const char *key;
@@ -238,21 +233,12 @@ std::optional<Detected> FromContent(std::string_view text) {
   return detected;
 }
 
-bool RootHasDirectory(GuessMedium *medium, const char *name) {
-  GuessDir *dir = Guess_OpenDir(medium, name);
-  if (dir == nullptr) {
-    return false;
-  }
-  Guess_CloseDir(medium, dir);
-  return true;
-}
-
 // Media without "content": the products file names the product after a
 // two-character lead ("/ SUSE-Linux-Enterprise-Server 11 ...").
-std::optional<Detected> FromProducts(GuessMedium *medium, std::string_view text) {
-  MediumFile media = MediumFile::Read(medium, "media.1/media");
+std::optional<Detected> FromProducts(const Medium &medium, std::string_view text) {
+  MediumFile media = medium.Read("media.1/media");
   if (!media) {
-    media = MediumFile::Read(medium, "install/media.1/media");
+    media = medium.Read("install/media.1/media");
   }
   if (media.contains("aarch64")) {
     return std::nullopt;
@@ -283,7 +269,7 @@ std::optional<Detected> FromProducts(GuessMedium *medium, std::string_view text)
     return Detected{is64 ? "suse-64" : "suse", GUESS_VERSION_UNKNOWN};
   }
   if (StartsWith(product, "openSUSE-Leap 15.") || StartsWith(product, "openSUSE 2018")) {
-    return Detected{RootHasDirectory(medium, "x86_64") ? "opensuse-64" : "opensuse",
+    return Detected{medium.DirExists("x86_64") ? "opensuse-64" : "opensuse",
                     GUESS_VERSION_OPENSUSE_13_2_OR_HIGHER};
   }
   if (StartsWith(product, "openSUSE 16.")) {
@@ -299,17 +285,14 @@ std::optional<Detected> FromProducts(GuessMedium *medium, std::string_view text)
 }
 
 // The oldest media: only a ".S.u.S.E-disk..." entry in the root.
-std::optional<Detected> FromDiskMarker(GuessMedium *medium) {
-  GuessDir *root = Guess_OpenDir(medium, "");
-  if (root == nullptr) {
-    return std::nullopt;
+std::optional<Detected> FromDiskMarker(const Medium &medium) {
+  Medium::Dir root = medium.Open("");
+  while (const char *name = root.Next()) {
+    if (StartsWith(name, kDiskMarker)) {
+      return Detected{"suse", GUESS_VERSION_UNKNOWN};
+    }
   }
-  bool found = false;
-  for (const char *name; !found && (name = Guess_ReadDir(medium, root)) != nullptr;) {
-    found = StartsWith(name, kDiskMarker);
-  }
-  Guess_CloseDir(medium, root);
-  return found ? std::optional<Detected>(Detected{"suse", GUESS_VERSION_UNKNOWN}) : std::nullopt;
+  return std::nullopt;
 }
 
 constexpr std::array<const char *, 3> kLoaderDirs{"boot/loader", "boot/i386/loader",
@@ -317,14 +300,15 @@ constexpr std::array<const char *, 3> kLoaderDirs{"boot/loader", "boot/i386/load
 
 }  // namespace
 
-extern "C" bool Guess_SUSE(GuessMedium *medium, GuessInfo *info) {
-  if (medium == nullptr || info == nullptr) {
+extern "C" bool Guess_SUSE(GuessMedium *raw, GuessInfo *info) {
+  if (raw == nullptr || info == nullptr) {
     return false;
   }
-  MediumFile content = MediumFile::Read(medium, "content");
-  MediumFile products = MediumFile::Read(medium, "media.1/products");
+  const Medium medium(raw);
+  MediumFile content = medium.Read("content", kContentBytes);
+  MediumFile products = medium.Read("media.1/products");
   if (!products) {
-    products = MediumFile::Read(medium, "install/media.1/products");
+    products = medium.Read("install/media.1/products");
   }
 
   // As the C string functions see them: a NUL ends the text.
@@ -342,7 +326,7 @@ extern "C" bool Guess_SUSE(GuessMedium *medium, GuessInfo *info) {
 
   bool haveIsolinux = false;
   for (const char *dir : kLoaderDirs) {
-    haveIsolinux = haveIsolinux || Guess_FileExists(medium, dir, "isolinux.cfg");
+    haveIsolinux = haveIsolinux || medium.Exists(dir, "isolinux.cfg");
   }
   info->noIsolinuxCfg = !haveIsolinux;
   info->osKey = detected->key;

@@ -3,6 +3,7 @@
 #ifndef GUESTPREP_LIB_GUESSWINDOWS_H
 #define GUESTPREP_LIB_GUESSWINDOWS_H
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -15,5 +16,9 @@
 // untouched, when there is no "=", the value is empty, or an opening quote is
 // followed by the end of text or another quote. key may be null.
 bool GuessParseKeyValue(std::string_view text, std::string *key, std::string *value);
+
+// The value of the first "marker" line of text (marker includes the "=" or
+// the blank that ends the key); none when absent or unparsable.
+std::optional<std::string> GuessValueOf(std::string_view text, std::string_view marker);
 
 #endif

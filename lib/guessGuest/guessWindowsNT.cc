@@ -15,8 +15,12 @@
 namespace {
 
 using guess::Contains;
-
+using guess::Medium;
 using guess::MediumFile;
+
+// A real "TXTSETUP.SIF" is over half a megabyte, and the product names sit
+// in its last section.
+constexpr size_t kTxtSetupBytes = 2u << 20;
 
 bool IsSkipped(char c) {
   return c == ' ' || c == '\t' || c == '\r' || c == '\n';
@@ -57,20 +61,10 @@ const char *XpKey(const std::string &product) {
   return "winXPHome";
 }
 
-// The value of the first "marker" line in text (marker includes the "=" or
-// the blank that ends the key); none when absent or unparsable.
-std::optional<std::string> ValueAt(std::string_view text, std::string_view marker) {
-  size_t at = text.find(marker);
-  std::string value;
-  if (at == std::string_view::npos || !GuessParseKeyValue(text.substr(at), nullptr, &value)) {
-    return std::nullopt;
-  }
-  return value;
-}
-
-MediumFile ReadEither(GuessMedium *medium, const char *first, const char *second) {
-  MediumFile file = MediumFile::Read(medium, first);
-  return file ? std::move(file) : MediumFile::Read(medium, second);
+MediumFile ReadEither(const Medium &medium, const char *first, const char *second,
+                      size_t maxBytes = guess::kMarkerBytes) {
+  MediumFile file = medium.Read(first, maxBytes);
+  return file ? std::move(file) : medium.Read(second, maxBytes);
 }
 
 }  // namespace
@@ -108,11 +102,22 @@ bool GuessParseKeyValue(std::string_view text, std::string *key, std::string *va
   return true;
 }
 
-extern "C" bool Guess_WindowsNT(GuessMedium *medium, GuessInfo *info) {
-  if (medium == nullptr || info == nullptr) {
+std::optional<std::string> GuessValueOf(std::string_view text, std::string_view marker) {
+  size_t at = text.find(marker);
+  std::string value;
+  if (at == std::string_view::npos || !GuessParseKeyValue(text.substr(at), nullptr, &value)) {
+    return std::nullopt;
+  }
+  return value;
+}
+
+extern "C" bool Guess_WindowsNT(GuessMedium *raw, GuessInfo *info) {
+  if (raw == nullptr || info == nullptr) {
     return false;
   }
-  MediumFile txtsetup = ReadEither(medium, "I386/TXTSETUP.SIF", "AMD64/TXTSETUP.SIF");
+  const Medium medium(raw);
+  MediumFile txtsetup =
+      ReadEither(medium, "I386/TXTSETUP.SIF", "AMD64/TXTSETUP.SIF", kTxtSetupBytes);
   if (!txtsetup) {
     return false;
   }
@@ -122,9 +127,9 @@ extern "C" bool Guess_WindowsNT(GuessMedium *medium, GuessInfo *info) {
   std::string_view setup = txtsetup.text();
   std::optional<std::string> product;
   if (setup.find("wks_id ") != std::string_view::npos) {
-    product = ValueAt(setup, "wks_id ");
+    product = GuessValueOf(setup, "wks_id ");
   } else {
-    product = ValueAt(setup, "srv_id ");
+    product = GuessValueOf(setup, "srv_id ");
   }
   if (!product) {
     return false;
@@ -145,7 +150,7 @@ extern "C" bool Guess_WindowsNT(GuessMedium *medium, GuessInfo *info) {
   }
 
   if (prodspec) {
-    if (std::optional<std::string> language = ValueAt(prodspec.text(), "Localization=")) {
+    if (std::optional<std::string> language = GuessValueOf(prodspec.text(), "Localization=")) {
       guess::SetField(info->language, *language);
     }
   }
@@ -154,10 +159,11 @@ extern "C" bool Guess_WindowsNT(GuessMedium *medium, GuessInfo *info) {
   return true;
 }
 
-extern "C" bool Guess_WindowsLegacy(GuessMedium *medium, GuessInfo *info) {
-  if (medium == nullptr || info == nullptr) {
+extern "C" bool Guess_WindowsLegacy(GuessMedium *raw, GuessInfo *info) {
+  if (raw == nullptr || info == nullptr) {
     return false;
   }
+  const Medium medium(raw);
   // Every setup directory is probed; the last one present names the system
   // (a Me medium also carries the 98 directory).
   struct SetupDir {
@@ -171,8 +177,7 @@ extern "C" bool Guess_WindowsLegacy(GuessMedium *medium, GuessInfo *info) {
   };
   const char *key = nullptr;
   for (const SetupDir &probe : kSetupDirs) {
-    if (GuessDir *dir = Guess_OpenDir(medium, probe.dir)) {
-      Guess_CloseDir(medium, dir);
+    if (medium.DirExists(probe.dir)) {
       key = probe.key;
     }
   }

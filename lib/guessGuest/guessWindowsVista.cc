@@ -17,10 +17,11 @@
 
 namespace {
 
+using guess::ArchKeys;
 using guess::Contains;
-using guess::StartsWith;
-
+using guess::Medium;
 using guess::MediumFile;
+using guess::StartsWith;
 
 bool EndsWith(std::string_view text, std::string_view suffix) {
   return text.size() >= suffix.size() && text.substr(text.size() - suffix.size()) == suffix;
@@ -37,6 +38,9 @@ constexpr const char kAppxProvisioning[] =
 constexpr std::string_view kCataloguePrefix = "install_";
 constexpr std::string_view kCatalogueSuffix = ".clg";
 constexpr const char kDefaultLanguage[] = "en-US";
+// The product and provisioning files run to tens of kilobytes on real media.
+constexpr size_t kProductIniBytes = 256u << 10;
+constexpr size_t kAppxBytes = 1u << 20;
 
 // Lists grow only up to the field they are copied into.
 constexpr size_t kEditionsLimit = sizeof(GuessInfo::editions);
@@ -118,20 +122,15 @@ enum class Gen {
 };
 // Which edition lists a Windows 10 client medium of a release offers.
 enum class ListGroup { Generic, Rs3, Rs4, Rs5, H19, Vb };
-enum class Arch { X86, X86_64, Arm64 };
 
 // What the medium shows besides its build branch.
 struct Facts {
-  GuessMedium *medium;
+  const Medium &medium;
   bool serverBackground;  // "sources" holds "background_svr.bmp"
   bool nanoReadme;        // "NanoServer" holds "ReadMe.txt"
   bool eiHeld;            // "sources" holds "ei.cfg"
   MediumFile ei;          // "sources/ei.cfg", when it can be read
 };
-
-bool Holds(GuessMedium *medium, const char *dir, const char *prefix) {
-  return Guess_FileExistsWithPrefix(medium, dir, prefix);
-}
 
 // What a build branch tells: the generation and, for some, the list group,
 // marks and the editions it fixes.
@@ -268,7 +267,7 @@ bool RuleApplies(const BranchRule &rule, const Facts &facts, std::string_view br
         }
         break;
       case Test::Catalogue:
-        if (Holds(facts.medium, "sources", std::string(text).c_str())) {
+        if (facts.medium.HasEntryWithPrefix("sources", text)) {
           return true;
         }
         break;
@@ -289,25 +288,12 @@ Outcome FromBranch(const Facts &facts, const std::optional<std::string> &branch)
   return Outcome{};
 }
 
-// The value of the first "marker" line of text (marker ends with "=").
-std::optional<std::string> ValueOf(std::string_view text, std::string_view marker) {
-  size_t at = text.find(marker);
-  std::string value;
-  if (at == std::string_view::npos || !GuessParseKeyValue(text.substr(at), nullptr, &value)) {
-    return std::nullopt;
-  }
-  return value;
-}
-
 // The editions named by the catalogue files of "sources".
-std::string CatalogueEditions(GuessMedium *medium) {
+std::string CatalogueEditions(const Medium &medium) {
   std::string list;
-  GuessDir *dir = Guess_OpenDir(medium, "/sources");
-  if (dir == nullptr) {
-    return list;
-  }
+  Medium::Dir dir = medium.Open("/sources");
   const size_t affixes = kCataloguePrefix.size() + kCatalogueSuffix.size();
-  for (const char *entry; (entry = Guess_ReadDir(medium, dir)) != nullptr;) {
+  while (const char *entry = dir.Next()) {
     std::string_view name(entry);
     if (name.size() >= affixes && StartsWith(name, kCataloguePrefix) &&
         EndsWith(name, kCatalogueSuffix) && list.size() < kEditionsLimit) {
@@ -315,7 +301,6 @@ std::string CatalogueEditions(GuessMedium *medium) {
       list.push_back('?');
     }
   }
-  Guess_CloseDir(medium, dir);
   return list;
 }
 
@@ -385,7 +370,7 @@ const char *RetailList(std::string_view langIni) {
 
 // Windows 10 client media: the release's lists, or "ei.cfg" for the
 // generic ones, name the editions.
-void Generation10Client(GuessMedium *medium, const Facts &f, const Outcome &o,
+void Generation10Client(const Medium &medium, const Facts &f, const Outcome &o,
                         std::string_view langIni, Verdict *v) {
   v->version = GUESS_VERSION_UNKNOWN;
   const std::string_view ei = f.ei.text();
@@ -407,7 +392,7 @@ void Generation10Client(GuessMedium *medium, const Facts &f, const Outcome &o,
   }
   if (!f.ei) {
     // N media are the ones provisioned without the Skype app.
-    MediumFile appx = MediumFile::Read(medium, kAppxProvisioning);
+    MediumFile appx = medium.Read(kAppxProvisioning, kAppxBytes);
     v->editions = appx && !appx.contains("Microsoft.SkypeApp") ? kNList : RetailList(langIni);
     return;
   }
@@ -427,15 +412,15 @@ void Generation10Client(GuessMedium *medium, const Facts &f, const Outcome &o,
   }
 }
 
-Arch ArchOf(std::string_view idwbinfo) {
-  std::optional<std::string> arch = ValueOf(idwbinfo, "BuildArch=");
+GuessElfArch ArchOf(std::string_view idwbinfo) {
+  std::optional<std::string> arch = GuessValueOf(idwbinfo, "BuildArch=");
   if (arch == "amd64") {
-    return Arch::X86_64;
+    return GUESS_ARCH_X86_64;
   }
   if (arch == "arm64") {
-    return Arch::Arm64;
+    return GUESS_ARCH_ARM64;
   }
-  return Arch::X86;
+  return GUESS_ARCH_X86;
 }
 
 // Keys by generation and role; the first row that fits wins.
@@ -443,7 +428,7 @@ enum class Role { Any, Client, Server, HyperV };
 struct KeyRow {
   Gen gen;
   Role role;
-  std::array<const char *, 3> keys;  // 32-bit x86, 64-bit x86, Arm
+  ArchKeys keys;
 };
 constexpr KeyRow kKeys[] = {
     {Gen::Vista, Role::Client, {"winVista", "winVista-64", "winVista"}},
@@ -468,12 +453,12 @@ constexpr KeyRow kKeys[] = {
     {Gen::None, Role::Server, {"longhorn", "longhorn-64", "longhorn"}},
 };
 
-const char *KeyFor(Gen gen, Role role, Arch arch) {
+const char *KeyFor(Gen gen, Role role, GuessElfArch arch) {
   for (const KeyRow &row : kKeys) {
     const bool fits = row.role == Role::Any || row.role == role ||
                       (row.role == Role::Server && role == Role::HyperV);
     if (row.gen == gen && fits) {
-      return row.keys[static_cast<size_t>(arch)];
+      return row.keys.For(arch);
     }
   }
   return nullptr;
@@ -543,13 +528,14 @@ void SetDisplayName(GuessInfo *info, const char *message) {
 
 }  // namespace
 
-extern "C" bool Guess_WindowsVistaAndNewer(GuessMedium *medium, GuessInfo *info) {
-  if (medium == nullptr || info == nullptr) {
+extern "C" bool Guess_WindowsVistaAndNewer(GuessMedium *raw, GuessInfo *info) {
+  if (raw == nullptr || info == nullptr) {
     return false;
   }
-  MediumFile product = MediumFile::Read(medium, kProductIni);
-  MediumFile idwbinfo = MediumFile::Read(medium, kIdwbInfo);
-  MediumFile langIni = MediumFile::Read(medium, kLangIni);
+  const Medium medium(raw);
+  MediumFile product = medium.Read(kProductIni, kProductIniBytes);
+  MediumFile idwbinfo = medium.Read(kIdwbInfo);
+  MediumFile langIni = medium.Read(kLangIni);
   if (!idwbinfo || !langIni) {
     guess::SetField(info->language, kDefaultLanguage);
     guess::SetField(info->languageShort, kDefaultLanguage);
@@ -558,13 +544,13 @@ extern "C" bool Guess_WindowsVistaAndNewer(GuessMedium *medium, GuessInfo *info)
 
   Verdict verdict;
   verdict.editions = CatalogueEditions(medium);
-  std::optional<std::string> type = ValueOf(product.text(), "Type=");
+  std::optional<std::string> type = GuessValueOf(product.text(), "Type=");
   verdict.server = type && Contains(*type, "Server");
 
-  Facts facts{medium, Holds(medium, "sources", "background_svr.bmp"),
-              Holds(medium, "NanoServer", "ReadMe.txt"), Holds(medium, "sources", "ei.cfg"),
-              MediumFile::Read(medium, kEiCfg)};
-  const Outcome outcome = FromBranch(facts, ValueOf(idwbinfo.text(), "BuildBranch="));
+  Facts facts{medium, medium.HasEntryWithPrefix("sources", "background_svr.bmp"),
+              medium.HasEntryWithPrefix("NanoServer", "ReadMe.txt"),
+              medium.HasEntryWithPrefix("sources", "ei.cfg"), medium.Read(kEiCfg)};
+  const Outcome outcome = FromBranch(facts, GuessValueOf(idwbinfo.text(), "BuildBranch="));
   verdict.server = verdict.server || outcome.server;
   verdict.hyperV = outcome.hyperV;
   if (outcome.editions != nullptr) {
@@ -577,13 +563,13 @@ extern "C" bool Guess_WindowsVistaAndNewer(GuessMedium *medium, GuessInfo *info)
     if (!verdict.server) {
       Generation10Client(medium, facts, outcome, langIni.text(), &verdict);
     }
-    if (Holds(medium, "sources", "install.esd")) {
+    if (medium.HasEntryWithPrefix("sources", "install.esd")) {
       verdict.version = GUESS_VERSION_WINDOWS_10_ESD;
     }
   }
   guess::SetField(info->editions, verdict.editions);
 
-  const Arch arch = ArchOf(idwbinfo.text());
+  const GuessElfArch arch = ArchOf(idwbinfo.text());
   const Role role = verdict.hyperV ? Role::HyperV : verdict.server ? Role::Server : Role::Client;
   const char *key = KeyFor(outcome.gen, role, arch);
 
@@ -594,7 +580,7 @@ extern "C" bool Guess_WindowsVistaAndNewer(GuessMedium *medium, GuessInfo *info)
   if (outcome.mark81 && !verdict.hyperV) {
     SetDisplayName(info, verdict.server ? "@&!*@*@(msg.guessGuest.winServer2012R2.altName)"
                                           "Windows Server 2012 R2"
-                         : arch == Arch::X86_64
+                         : arch == GUESS_ARCH_X86_64
                              ? "@&!*@*@(msg.guessGuest.win8dot1x64.altName)Windows 8.1 x64"
                              : "@&!*@*@(msg.guessGuest.win8dot1.altName)Windows 8.1");
   }
