@@ -10,6 +10,7 @@
 #define GUESTPREP_TESTS_UDFIMAGEBUILDER_H
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -144,6 +145,34 @@ class ImageBuilder {
     Put16(f + 28, part);
     std::copy(id.begin(), id.end(), f + kFidHeader);
     Tag(f, kTagFileId, 1, len);
+  }
+
+  // Shorthands for hand-built trees. A directory's identifiers: name, entry
+  // block, characteristics (2 a directory, 4 deleted, 8 the parent).
+  struct Name {
+    std::u16string name;
+    uint32_t lb;
+    uint8_t chars = 0;
+  };
+  std::vector<uint8_t> Fids(const std::vector<Name> &names) const {
+    std::vector<uint8_t> out;
+    for (const Name &n : names) {
+      AddFid(&out, n.name, n.lb, FsPart(), n.chars);
+    }
+    return out;
+  }
+  // An entry at file-system block lb holding its data, or over short
+  // descriptors (length, block, extent type).
+  void Embed(uint32_t lb, uint8_t fileType, const std::vector<uint8_t> &data, bool ext = false) {
+    Entry(Fs(lb), lb, fileType, data.size(), kEmbedded, data, ext);
+  }
+  using Ads = std::vector<std::array<uint32_t, 3>>;
+  void Extents(uint32_t lb, uint8_t fileType, uint64_t size, const Ads &ads) {
+    std::vector<uint8_t> raw;
+    for (const auto &[len, block, type] : ads) {
+      AddAd(&raw, kShort, len, block, FsPart(), static_cast<uint8_t>(type));
+    }
+    Entry(Fs(lb), lb, fileType, size, kShort, raw);
   }
 
   // Writes the recognition sequence, volume descriptors, anchors, the
