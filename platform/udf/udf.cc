@@ -1,6 +1,7 @@
 // UDF reader. Every structure is read through gp::ImageReader and checked
 // before use; internal functions return false with a message in an Error
-// and the exported function that started the work logs it once.
+// and the exported function that started the work reports it once, through
+// the volume's DamageOnce (expected outcomes at the verbose log level only).
 #include "platform/udf/udf.h"
 
 #include <unicode/ustring.h>
@@ -10,9 +11,13 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <list>
+#include <memory>
 #include <set>
+#include <span>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -35,6 +40,21 @@ constexpr unsigned kMaxAdChain = 4096;  // allocation extent descriptors per ent
 constexpr size_t kMaxFileExtents = 1u << 18;
 constexpr unsigned kMaxPathDepth = 128;
 constexpr size_t kMaxNameBytes = 1024;  // 255 UCS-2 units as UTF-8, with room
+// Parsed directories and file entries kept per volume, least recently used
+// dropped first; together well under the 64 MiB a volume may use.
+constexpr size_t kDirCacheBytes = 16u << 20;
+constexpr size_t kEntryCacheBytes = 4u << 20;
+// Metadata (file entries, allocation extents, directories) a volume may read
+// in its life: the image's size plus the floor, at most the cap (also when
+// the size is unknown). A sound image holds each structure once and the
+// caches read it about once; an image that points thousands of entries at
+// one structure is cut off here instead of being read thousands of times.
+constexpr uint64_t kMetaBudgetFloor = 4ull << 20;
+constexpr uint64_t kMetaBudgetCap = 1ull << 30;
+// Resynchronising after a damaged file identifier checks CRCs at every
+// aligned position; bounded per directory so planted tags cannot make it
+// quadratic.
+constexpr uint64_t kResyncSlack = 64u << 10;
 
 // Block sizes tried for the anchor, most common first.
 constexpr std::array<uint32_t, 4> kBlockSizes = {2048, 512, 1024, 4096};
@@ -56,31 +76,26 @@ struct Error {
   bool quiet = false;  // an expected outcome (not UDF, not found): verbose level only
 };
 
+std::string Format(const char *fmt, va_list args) {
+  char buf[256];
+  vsnprintf(buf, sizeof buf, fmt, args);
+  return buf;
+}
+
 bool Fail(Error *err, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
 bool Fail(Error *err, const char *fmt, ...) {
   if (err->msg.empty()) {
-    char buf[256];
     va_list args;
     va_start(args, fmt);
-    vsnprintf(buf, sizeof buf, fmt, args);
+    err->msg = Format(fmt, args);
     va_end(args);
-    err->msg = buf;
   }
   return false;
 }
 
-bool Quiet(Error *err, const char *what, const char *name) {
+bool Quiet(Error *err, const char *what, std::string_view name) {
   err->quiet = true;
-  return Fail(err, "%s \"%s\"", what, name);
-}
-
-void Report(const Error &err) {
-  const char *msg = err.msg.empty() ? "unknown failure" : err.msg.c_str();
-  if (err.quiet) {
-    Log_Level(LOG_LEVEL_VERBOSE, "UDF: %s\n", msg);
-  } else {
-    Log("UDF: %s\n", msg);
-  }
+  return Fail(err, "%s \"%.*s\"", what, static_cast<int>(name.size()), name.data());
 }
 
 // A place in a partition: logical block and index into the volume's
@@ -92,6 +107,12 @@ struct Addr {
   auto operator<=>(const Addr &) const = default;
 };
 
+struct AddrHash {
+  size_t operator()(const Addr &a) const {
+    return std::hash<uint64_t>{}(static_cast<uint64_t>(a.block) << 16 | a.part);
+  }
+};
+
 enum ExtentType : uint8_t {
   kRecorded = 0,
   kAllocated = 1,  // allocated, not recorded: reads as zeros
@@ -101,7 +122,7 @@ enum ExtentType : uint8_t {
 
 struct Extent {
   uint64_t fileOffset;  // where in the file this extent starts
-  uint32_t length;      // bytes
+  uint32_t length;      // bytes, never 0, never past the file's size
   uint32_t block;
   uint16_t part;
   uint8_t type;
@@ -114,7 +135,10 @@ struct Entry {
   uint64_t size = 0;
   bool embedded = false;
   std::vector<uint8_t> inline_;  // embedded data
-  std::vector<Extent> extents;
+  std::vector<Extent> extents;   // contiguous from offset 0, covering exactly size
+  size_t Cost() const {
+    return sizeof *this + inline_.capacity() + extents.capacity() * sizeof(Extent);
+  }
 };
 
 struct Partition {
@@ -133,31 +157,121 @@ struct DirEntry {
   bool isDirectory;
 };
 
+// One parsed directory, shared by every handle on it.
+struct DirData {
+  std::vector<DirEntry> entries;  // directory order
+  std::vector<uint32_t> byName;   // indices into entries, by name, then directory order
+  size_t Cost() const {
+    size_t n = sizeof *this + entries.capacity() * sizeof(DirEntry) + byName.capacity() * 4;
+    for (const DirEntry &e : entries) {
+      n += e.name.capacity();
+    }
+    return n;
+  }
+  // The entries called name, in directory order.
+  std::span<const uint32_t> Find(std::string_view name) const {
+    auto [lo, hi] =
+        std::equal_range(byName.begin(), byName.end(), name,
+                         [this](const auto &a, const auto &b) { return Key(a) < Key(b); });
+    return {lo, hi};
+  }
+
+ private:
+  std::string_view Key(uint32_t i) const { return entries[i].name; }
+  static std::string_view Key(std::string_view s) { return s; }
+};
+
+// Parsed structures by ICB address. A null value records a structure found
+// damaged (already reported), so it is neither reread nor reported again.
+template <typename T>
+class LruCache {
+ public:
+  explicit LruCache(size_t capacity) : capacity_(capacity) {}
+  // Null when not cached; else the cached value, now the most recent.
+  const std::shared_ptr<const T> *Find(Addr key) {
+    auto it = index_.find(key);
+    if (it == index_.end()) {
+      return nullptr;
+    }
+    order_.splice(order_.begin(), order_, it->second);
+    return &it->second->value;
+  }
+  void Put(Addr key, std::shared_ptr<const T> value, size_t cost) {
+    order_.push_front(Node{key, std::move(value), cost});
+    index_[key] = order_.begin();
+    used_ += cost;
+    // The newest stays even when alone over the cap: its caller uses it now.
+    while (used_ > capacity_ && order_.size() > 1) {
+      used_ -= order_.back().cost;
+      index_.erase(order_.back().key);
+      order_.pop_back();
+    }
+  }
+
+ private:
+  struct Node {
+    Addr key;
+    std::shared_ptr<const T> value;
+    size_t cost;
+  };
+  size_t capacity_;
+  size_t used_ = 0;
+  std::list<Node> order_;
+  std::unordered_map<Addr, typename std::list<Node>::iterator, AddrHash> index_;
+};
+
+constexpr size_t kDamagedCost = 64;  // what a remembered failure costs in a cache
+
 }  // namespace
 
 struct UDFVolume {
+  explicit UDFVolume(gp::DamageReporter *reporter) : damage(reporter, "UDF") {}
   std::unique_ptr<gp::ImageReader> reader;
+  gp::DamageOnce damage;
   uint32_t blockSize = 2048;
   uint64_t imageBlocks = 0;  // 0 when the image size is unknown
   std::vector<Partition> parts;
   size_t mapCount = 0;  // entries of parts an image may refer to
   Addr root;
+  uint64_t metaBudget = kMetaBudgetCap;  // metadata bytes still allowed
+  LruCache<DirData> dirs{kDirCacheBytes};
+  LruCache<Entry> entries{kEntryCacheBytes};
 };
 
 struct UDFDir {
   UDFVolume *volume;
   Addr icb;
   std::vector<Addr> ancestors;  // ICBs from the root down to the parent
-  std::vector<DirEntry> entries;
+  std::shared_ptr<const DirData> data;
   size_t next = 0;
 };
 
 struct UDFFile {
   UDFVolume *volume;
-  Entry entry;
+  std::shared_ptr<const Entry> entry;
 };
 
 namespace {
+
+// Damage the volume met and skipped; the volume's first goes to its
+// reporter, the rest are counted.
+void Damage(UDFVolume *vol, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+void Damage(UDFVolume *vol, const char *fmt, ...) {
+  va_list args;
+  va_start(args, fmt);
+  vol->damage.Report(Format(fmt, args));
+  va_end(args);
+}
+
+// Hands the failure an exported function ends with to the volume.
+void Report(UDFVolume *vol, const Error &err) {
+  const char *msg = err.msg.empty() ? "unknown failure" : err.msg.c_str();
+  if (err.quiet) {
+    Log_Level(LOG_LEVEL_VERBOSE, "UDF: %s\n", msg);
+  } else {
+    vol->damage.Report(msg);
+  }
+}
 
 // ---------------------------------------------------------------------------
 // Descriptor tags and strings
@@ -258,6 +372,16 @@ bool ReadImage(UDFVolume *vol, uint64_t offset, void *buf, size_t len, Error *er
   return true;
 }
 
+// Takes bytes of metadata reading from the volume's allowance.
+bool Charge(UDFVolume *vol, uint64_t bytes, Error *err) {
+  if (bytes > vol->metaBudget) {
+    vol->metaBudget = 0;
+    return Fail(err, "image metadata needs more reading than its size allows");
+  }
+  vol->metaBudget -= bytes;
+  return true;
+}
+
 // Reads len bytes at byte offset off of block in partition part. The range
 // must lie inside the partition (and the image).
 bool ReadPart(UDFVolume *vol, uint16_t part, uint32_t block, uint64_t off, void *buf, size_t len,
@@ -322,11 +446,40 @@ bool CheckExtent(const UDFVolume *vol, const Extent &e, Error *err) {
   return true;
 }
 
+// Refuses a file whose extents share blocks: one recorded block read as
+// many parts of a file is how a small image poses as a huge one.
+bool CheckNoAliasing(const UDFVolume *vol, const Entry &entry, Error *err) {
+  struct Span {
+    uint16_t part;
+    uint64_t from, to;
+    auto operator<=>(const Span &) const = default;
+  };
+  std::vector<Span> spans;
+  for (const Extent &e : entry.extents) {
+    if (e.type != kSparse) {
+      uint64_t from = static_cast<uint64_t>(e.block) * vol->blockSize;
+      spans.push_back(Span{e.part, from, from + e.length});
+    }
+  }
+  std::sort(spans.begin(), spans.end());
+  for (size_t i = 1; i < spans.size(); ++i) {
+    if (spans[i].part == spans[i - 1].part && spans[i].from < spans[i - 1].to) {
+      return Fail(err, "file entry at block %u has extents sharing block %llu", entry.icb.block,
+                  static_cast<unsigned long long>(spans[i].from / vol->blockSize));
+    }
+    if (spans[i].part == spans[i - 1].part) {
+      spans[i].to = std::max(spans[i].to, spans[i - 1].to);  // a long extent covers several
+    }
+  }
+  return true;
+}
+
 // ---------------------------------------------------------------------------
 // File entries and allocation descriptors
 
 // Collects the data extents of the allocation descriptors in ads, following
-// continuation extents through Allocation Extent Descriptors.
+// continuation extents through Allocation Extent Descriptors, up to the
+// file's size: whatever lies past it is never read, so it is not followed.
 bool ParseAds(UDFVolume *vol, Entry *entry, unsigned adType, const uint8_t *ads, size_t adLen,
               Error *err) {
   const size_t adSize = adType == 0 ? 8 : adType == 1 ? 16 : 20;
@@ -335,10 +488,10 @@ bool ParseAds(UDFVolume *vol, Entry *entry, unsigned adType, const uint8_t *ads,
   std::vector<uint8_t> aed;
   uint64_t fileOffset = 0;
   unsigned chain = 0;
-  for (;;) {
+  while (fileOffset < entry->size) {
     Addr nextAed;
     bool haveNext = false;
-    for (size_t pos = 0; pos + adSize <= adLen; pos += adSize) {
+    for (size_t pos = 0; pos + adSize <= adLen && fileOffset < entry->size; pos += adSize) {
       const uint8_t *ad = ads + pos;
       uint32_t rawLen = Le32(ad);
       if (rawLen == 0) {
@@ -366,6 +519,10 @@ bool ParseAds(UDFVolume *vol, Entry *entry, unsigned adType, const uint8_t *ads,
         haveNext = true;
         break;  // the rest of this area is unused
       }
+      if (e.length == 0) {
+        continue;
+      }
+      e.length = static_cast<uint32_t>(std::min<uint64_t>(e.length, entry->size - fileOffset));
       if (!CheckExtent(vol, e, err)) {
         return false;
       }
@@ -376,7 +533,7 @@ bool ParseAds(UDFVolume *vol, Entry *entry, unsigned adType, const uint8_t *ads,
       fileOffset += e.length;
       entry->extents.push_back(e);
     }
-    if (!haveNext) {
+    if (!haveNext || fileOffset >= entry->size) {
       break;
     }
     if (++chain > kMaxAdChain) {
@@ -386,7 +543,8 @@ bool ParseAds(UDFVolume *vol, Entry *entry, unsigned adType, const uint8_t *ads,
       return Fail(err, "allocation extent at block %u loops back", nextAed.block);
     }
     aed.assign(bs, 0);
-    if (!ReadPart(vol, nextAed.part, nextAed.block, 0, aed.data(), bs, err) ||
+    if (!Charge(vol, bs, err) ||
+        !ReadPart(vol, nextAed.part, nextAed.block, 0, aed.data(), bs, err) ||
         !CheckTag(aed.data(), bs, kTagAllocExtent, nextAed.block, true, err,
                   "allocation extent descriptor")) {
       return false;
@@ -403,13 +561,13 @@ bool ParseAds(UDFVolume *vol, Entry *entry, unsigned adType, const uint8_t *ads,
                 entry->icb.block, static_cast<unsigned long long>(entry->size),
                 static_cast<unsigned long long>(fileOffset));
   }
-  return true;
+  return CheckNoAliasing(vol, *entry, err);
 }
 
 bool LoadEntry(UDFVolume *vol, Addr icb, Entry *entry, Error *err) {
   const uint32_t bs = vol->blockSize;
   std::vector<uint8_t> buf(bs);
-  if (!ReadPart(vol, icb.part, icb.block, 0, buf.data(), bs, err)) {
+  if (!Charge(vol, bs, err) || !ReadPart(vol, icb.part, icb.block, 0, buf.data(), bs, err)) {
     return false;
   }
   const uint16_t id = Le16(buf.data());
@@ -452,13 +610,30 @@ bool LoadEntry(UDFVolume *vol, Addr icb, Entry *entry, Error *err) {
   return ParseAds(vol, entry, adType, ads, lAd, err);
 }
 
+// The entry at icb (an address the image gave), through the volume's cache.
+std::shared_ptr<const Entry> GetEntry(UDFVolume *vol, Addr icb, Error *err) {
+  if (icb.part >= vol->mapCount) {
+    Fail(err, "entry refers to partition %u of %zu", icb.part, vol->mapCount);
+    return nullptr;
+  }
+  if (const auto *hit = vol->entries.Find(icb)) {
+    if (*hit == nullptr) {
+      Fail(err, "file entry at block %u of partition %u is damaged", icb.block, icb.part);
+    }
+    return *hit;
+  }
+  auto entry = std::make_shared<Entry>();
+  if (!LoadEntry(vol, icb, entry.get(), err)) {
+    vol->entries.Put(icb, nullptr, kDamagedCost);
+    return nullptr;
+  }
+  vol->entries.Put(icb, entry, entry->Cost());
+  return entry;
+}
+
+// Checked by the caller: the range lies inside the file.
 bool ReadEntryData(UDFVolume *vol, const Entry &entry, uint64_t offset, void *buf, size_t len,
                    Error *err) {
-  if (offset > entry.size || len > entry.size - offset) {
-    return Fail(err, "read of %zu bytes at %llu runs past the file's %llu bytes", len,
-                static_cast<unsigned long long>(offset),
-                static_cast<unsigned long long>(entry.size));
-  }
   uint8_t *out = static_cast<uint8_t *>(buf);
   if (entry.embedded) {
     if (len > 0) {
@@ -472,8 +647,8 @@ bool ReadEntryData(UDFVolume *vol, const Entry &entry, uint64_t offset, void *bu
   size_t i = it == ext.begin() ? 0 : static_cast<size_t>(it - ext.begin()) - 1;
   uint64_t at = offset;
   while (len > 0) {
-    // Extents cover the whole size (checked when loaded); zero-length ones are skipped.
-    while (i < ext.size() && at - ext[i].fileOffset >= ext[i].length) {
+    // Extents cover exactly the size, in order, none empty (checked when loaded).
+    if (i < ext.size() && at - ext[i].fileOffset >= ext[i].length) {
       ++i;
     }
     if (i == ext.size()) {
@@ -499,102 +674,135 @@ bool ReadEntryData(UDFVolume *vol, const Entry &entry, uint64_t offset, void *bu
 // ---------------------------------------------------------------------------
 // Directories
 
-bool ParseDirectory(const std::vector<uint8_t> &data, std::vector<DirEntry> *entries, Error *err) {
+// The length of a sound File Identifier Descriptor at f, or 0. crcWork
+// counts the bytes checksummed.
+size_t SoundFid(const uint8_t *f, size_t left, uint64_t *crcWork) {
+  if (left < kFidHeader || Le16(f) != kTagFileId || TagChecksum(f) != f[4]) {
+    return 0;
+  }
+  const size_t fidLen = (kFidHeader + Le16(f + 36) + f[19] + 3) & ~static_cast<size_t>(3);
+  const uint16_t crcLen = Le16(f + 10);
+  if (fidLen > left || crcLen > fidLen - kTagSize) {
+    return 0;
+  }
+  *crcWork += crcLen;
+  return Crc16(f + kTagSize, crcLen) == Le16(f + 8) ? fidLen : 0;
+}
+
+// Lists the identifiers in data. A damaged one is skipped, scanning on to
+// the next aligned position that holds a sound identifier, so one bad
+// record does not hide the rest; the damage is reported once.
+void ParseDirectory(UDFVolume *vol, Addr icb, const std::vector<uint8_t> &data, DirData *out) {
   size_t pos = 0;
-  size_t badNames = 0;
+  size_t badFids = 0, firstBad = 0, badNames = 0;
+  uint64_t crcWork = 0;
+  const uint64_t workLimit = 2 * static_cast<uint64_t>(data.size()) + kResyncSlack;
+  const char *stopped = nullptr;
   std::string name;
   while (pos < data.size()) {
     const size_t left = data.size() - pos;
     const uint8_t *f = data.data() + pos;
-    if (left < kFidHeader) {
-      // Trailing slack shorter than a descriptor must be blank.
-      if (std::any_of(f, f + left, [](uint8_t b) { return b != 0; })) {
-        return Fail(err, "directory ends inside a file identifier at %zu", pos);
+    if (left < kFidHeader && std::all_of(f, f + left, [](uint8_t b) { return b == 0; })) {
+      break;  // blank trailing slack shorter than a descriptor
+    }
+    const size_t fidLen = SoundFid(f, left, &crcWork);
+    if (fidLen == 0) {
+      if (badFids++ == 0) {
+        firstBad = pos;
       }
-      break;
-    }
-    const uint8_t lFi = f[19];
-    const uint16_t lIu = Le16(f + 36);
-    const size_t fidLen = (kFidHeader + lIu + lFi + 3) & ~static_cast<size_t>(3);
-    if (fidLen > left) {
-      return Fail(err, "file identifier at %zu runs past its directory (%zu > %zu)", pos, fidLen,
-                  left);
-    }
-    if (!CheckTag(f, fidLen, kTagFileId, 0, false, err, "file identifier")) {
-      return false;
+      pos += 4;
+      if (crcWork > workLimit) {
+        stopped = "too much damage to resynchronise";
+        break;
+      }
+      continue;
     }
     pos += fidLen;
     const uint8_t chars = f[18];
     if (chars & (kFidDeleted | kFidParent)) {
       continue;
     }
-    if (entries->size() >= kMaxDirectoryEntries) {
-      return Fail(err, "directory has more than %zu entries", kMaxDirectoryEntries);
+    if (out->entries.size() >= kMaxDirectoryEntries) {
+      stopped = "too many entries";
+      break;
     }
-    if (!DecodeCs0(f + kFidHeader + lIu, lFi, &name) || name.empty() ||
+    const uint8_t lFi = f[19];
+    if (!DecodeCs0(f + kFidHeader + Le16(f + 36), lFi, &name) || name.empty() ||
         name.size() > kMaxNameBytes || name.find('/') != std::string::npos ||
         name.find('\0') != std::string::npos || name == "." || name == "..") {
       ++badNames;
       continue;
     }
-    DirEntry de;
-    de.name = name;
-    de.icb = Addr{Le32(f + 20 + 4), Le16(f + 20 + 8)};
-    de.isDirectory = (chars & kFidDirectory) != 0;
-    entries->push_back(std::move(de));
+    out->entries.push_back(
+        DirEntry{name, Addr{Le32(f + 20 + 4), Le16(f + 20 + 8)}, (chars & kFidDirectory) != 0});
+  }
+  if (badFids > 0) {
+    Damage(vol, "directory at block %u: skipped damaged file identifiers from byte %zu", icb.block,
+           firstBad);
   }
   if (badNames > 0) {
-    Log_Level(LOG_LEVEL_VERBOSE, "UDF: skipped %zu entries with unusable names\n", badNames);
+    Damage(vol, "directory at block %u: skipped %zu entries with unusable names", icb.block,
+           badNames);
   }
-  return true;
+  if (stopped != nullptr) {
+    Damage(vol, "directory at block %u: %s, the rest ignored", icb.block, stopped);
+  }
+  out->byName.resize(out->entries.size());
+  for (size_t i = 0; i < out->byName.size(); ++i) {
+    out->byName[i] = static_cast<uint32_t>(i);
+  }
+  std::stable_sort(out->byName.begin(), out->byName.end(), [out](uint32_t a, uint32_t b) {
+    return out->entries[a].name < out->entries[b].name;
+  });
 }
 
-// Loads the directory at icb; ancestors holds the ICBs above it.
-bool LoadDirectory(UDFVolume *vol, Addr icb, std::vector<Addr> ancestors, UDFDir **out,
-                   Error *err) {
-  if (icb.part >= vol->mapCount) {
-    return Fail(err, "directory refers to partition %u of %zu", icb.part, vol->mapCount);
-  }
-  if (std::find(ancestors.begin(), ancestors.end(), icb) != ancestors.end()) {
-    return Fail(err, "directory at block %u is its own ancestor", icb.block);
-  }
-  if (ancestors.size() >= kMaxPathDepth) {
-    return Fail(err, "directories nested deeper than %u", kMaxPathDepth);
-  }
-  Entry entry;
-  if (!LoadEntry(vol, icb, &entry, err)) {
+// Loads and parses the directory at icb.
+bool LoadDirectory(UDFVolume *vol, Addr icb, DirData *out, Error *err) {
+  std::shared_ptr<const Entry> entry = GetEntry(vol, icb, err);
+  if (entry == nullptr) {
     return false;
   }
-  if (entry.fileType != kFileTypeDirectory) {
-    return Fail(err, "entry at block %u is not a directory (type %u)", icb.block, entry.fileType);
+  if (entry->fileType != kFileTypeDirectory) {
+    return Fail(err, "entry at block %u is not a directory (type %u)", icb.block, entry->fileType);
   }
-  if (entry.size > kMaxDirectorySize) {
+  if (entry->size > kMaxDirectorySize) {
     return Fail(err, "directory at block %u is %llu bytes (limit %llu)", icb.block,
-                static_cast<unsigned long long>(entry.size),
+                static_cast<unsigned long long>(entry->size),
                 static_cast<unsigned long long>(kMaxDirectorySize));
   }
-  std::vector<uint8_t> data(static_cast<size_t>(entry.size));
-  if (!ReadEntryData(vol, entry, 0, data.data(), data.size(), err)) {
+  // A directory is read whole: every byte of it must be on the image.
+  for (const Extent &e : entry->extents) {
+    if (e.type != kRecorded) {
+      return Fail(err, "directory at block %u has unrecorded extents", icb.block);
+    }
+  }
+  if (!entry->embedded && !Charge(vol, entry->size, err)) {
     return false;
   }
-  auto dir = std::make_unique<UDFDir>();
-  dir->volume = vol;
-  dir->icb = icb;
-  dir->ancestors = std::move(ancestors);
-  if (!ParseDirectory(data, &dir->entries, err)) {
+  std::vector<uint8_t> data(static_cast<size_t>(entry->size));
+  if (!ReadEntryData(vol, *entry, 0, data.data(), data.size(), err)) {
     return false;
   }
-  *out = dir.release();
+  ParseDirectory(vol, icb, data, out);
   return true;
 }
 
-const DirEntry *FindEntry(const UDFDir *dir, std::string_view name) {
-  for (const DirEntry &e : dir->entries) {
-    if (e.name == name) {
-      return &e;
+// The directory at icb (an address the image gave), through the volume's
+// cache.
+std::shared_ptr<const DirData> GetDir(UDFVolume *vol, Addr icb, Error *err) {
+  if (const auto *hit = vol->dirs.Find(icb)) {
+    if (*hit == nullptr) {
+      Fail(err, "directory at block %u of partition %u is damaged", icb.block, icb.part);
     }
+    return *hit;
   }
-  return nullptr;
+  auto dir = std::make_shared<DirData>();
+  if (!LoadDirectory(vol, icb, dir.get(), err)) {
+    vol->dirs.Put(icb, nullptr, kDamagedCost);
+    return nullptr;
+  }
+  vol->dirs.Put(icb, dir, dir->Cost());
+  return dir;
 }
 
 std::vector<std::string_view> SplitPath(std::string_view path) {
@@ -614,38 +822,63 @@ std::vector<std::string_view> SplitPath(std::string_view path) {
   return parts;
 }
 
-// Walks components from start (null: the root) and returns the directory
-// they name as a new handle.
+// Walks count components from start (null: the root) and returns the
+// directory they name as a new handle. Of entries sharing a name, the first
+// directory that loads wins; the damaged ones are reported and skipped.
 bool WalkDirs(UDFVolume *vol, const UDFDir *start, const std::vector<std::string_view> &parts,
               size_t count, UDFDir **out, Error *err) {
   if (count > kMaxPathDepth) {
-    return Fail(err, "path has more than %u components", kMaxPathDepth);
+    return Quiet(err, "path too deep", parts[0]);
   }
-  UDFDir *cur = nullptr;
+  auto cur = std::make_unique<UDFDir>();
   if (start == nullptr) {
-    if (!LoadDirectory(vol, vol->root, {}, &cur, err)) {
+    cur->volume = vol;
+    cur->icb = vol->root;
+    if ((cur->data = GetDir(vol, vol->root, err)) == nullptr) {
       return false;
     }
   } else {
-    cur = new UDFDir(*start);
+    *cur = *start;
     cur->next = 0;
   }
-  std::unique_ptr<UDFDir> holder(cur);
   for (size_t i = 0; i < count; ++i) {
-    std::string name(parts[i]);
-    const DirEntry *e = FindEntry(holder.get(), name);
-    if (e == nullptr || !e->isDirectory) {
-      return Quiet(err, e == nullptr ? "no such directory" : "not a directory", name.c_str());
+    std::span<const uint32_t> found = cur->data->Find(parts[i]);
+    std::shared_ptr<const DirData> next;
+    Addr nextIcb;
+    bool sawDirectory = false;
+    for (uint32_t index : found) {
+      const DirEntry &e = cur->data->entries[index];
+      if (!e.isDirectory) {
+        continue;
+      }
+      sawDirectory = true;
+      Error damage;
+      if (e.icb == cur->icb ||
+          std::find(cur->ancestors.begin(), cur->ancestors.end(), e.icb) != cur->ancestors.end()) {
+        Fail(&damage, "directory at block %u is its own ancestor", e.icb.block);
+      } else if (cur->ancestors.size() + 1 >= kMaxPathDepth) {
+        Fail(&damage, "directories nested deeper than %u", kMaxPathDepth);
+      } else {
+        next = GetDir(vol, e.icb, &damage);
+      }
+      if (next != nullptr) {
+        nextIcb = e.icb;
+        break;
+      }
+      Report(vol, damage);
     }
-    std::vector<Addr> ancestors = holder->ancestors;
-    ancestors.push_back(holder->icb);
-    UDFDir *child = nullptr;
-    if (!LoadDirectory(vol, e->icb, std::move(ancestors), &child, err)) {
-      return false;
+    if (next == nullptr) {
+      return Quiet(err,
+                   sawDirectory    ? "no usable directory"
+                   : found.empty() ? "no such directory"
+                                   : "not a directory",
+                   parts[i]);
     }
-    holder.reset(child);
+    cur->ancestors.push_back(cur->icb);
+    cur->icb = nextIcb;
+    cur->data = std::move(next);
   }
-  *out = holder.release();
+  *out = cur.release();
   return true;
 }
 
@@ -913,6 +1146,10 @@ bool OpenVolume(UDFVolume *vol, Error *err) {
   if (!FindAnchor(vol, avdp, err)) {
     return false;
   }
+  if (vol->imageBlocks != 0) {
+    vol->metaBudget =
+        std::min(kMetaBudgetCap, kMetaBudgetFloor + vol->imageBlocks * vol->blockSize);
+  }
   VdsResult vds;
   Error mainErr;
   if (!ReadVds(vol, Le32(avdp + 20), Le32(avdp + 16), &vds, &mainErr)) {
@@ -937,12 +1174,7 @@ bool OpenVolume(UDFVolume *vol, Error *err) {
     return false;
   }
   vol->root = Addr{Le32(buf.data() + 400 + 4), Le16(buf.data() + 400 + 8)};
-  UDFDir *root = nullptr;
-  if (!LoadDirectory(vol, vol->root, {}, &root, err)) {
-    return false;
-  }
-  delete root;
-  return true;
+  return GetDir(vol, vol->root, err) != nullptr;
 }
 
 bool BadArg(const char *fn) {
@@ -971,16 +1203,16 @@ UDFVolume *UDF_Open(const char *path, const void *option) {
   return UDF_OpenReader(std::move(reader));
 }
 
-UDFVolume *UDF_OpenReader(std::unique_ptr<gp::ImageReader> reader) {
+UDFVolume *UDF_OpenReader(std::unique_ptr<gp::ImageReader> reader, gp::DamageReporter *reporter) {
   if (!reader) {
     BadArg(__func__);
     return nullptr;
   }
-  auto vol = std::make_unique<UDFVolume>();
+  auto vol = std::make_unique<UDFVolume>(reporter);
   vol->reader = std::move(reader);
   Error err;
   if (!OpenVolume(vol.get(), &err)) {
-    Report(err);
+    Report(vol.get(), err);
     return nullptr;
   }
   return vol.release();
@@ -988,7 +1220,7 @@ UDFVolume *UDF_OpenReader(std::unique_ptr<gp::ImageReader> reader) {
 
 void UDF_Close(UDFVolume *volume) {
   if (volume != nullptr && !volume->reader->Close()) {
-    Log("UDF: closing the image failed\n");
+    volume->damage.Report("closing the image failed");
   }
   delete volume;
 }
@@ -1002,7 +1234,7 @@ UDFDir *UDF_OpenDir(UDFVolume *volume, UDFDir *parent, const char *path) {
   UDFDir *dir = nullptr;
   Error err;
   if (!WalkDirs(volume, parent, parts, parts.size(), &dir, &err)) {
-    Report(err);
+    Report(volume, err);
     return nullptr;
   }
   return dir;
@@ -1013,23 +1245,22 @@ const char *UDF_ReadDir(UDFDir *dir, UDFDirEntryInfo *info) {
     BadArg(__func__);
     return nullptr;
   }
-  if (dir->next >= dir->entries.size()) {
+  if (dir->next >= dir->data->entries.size()) {
     return nullptr;
   }
-  const DirEntry &e = dir->entries[dir->next++];
+  const DirEntry &e = dir->data->entries[dir->next++];
   if (info != nullptr) {
     info->size = UINT64_MAX;
     info->isDirectory = e.isDirectory;
     info->isSymlink = false;
-    Entry entry;
     Error err;
-    if (LoadEntry(dir->volume, e.icb, &entry, &err)) {
-      info->size = entry.size;
-      info->isDirectory = entry.fileType == kFileTypeDirectory;
-      info->isSymlink = entry.fileType == kFileTypeSymlink;
+    if (std::shared_ptr<const Entry> entry = GetEntry(dir->volume, e.icb, &err)) {
+      info->size = entry->size;
+      info->isDirectory = entry->fileType == kFileTypeDirectory;
+      info->isSymlink = entry->fileType == kFileTypeSymlink;
     } else {
       err.msg = "\"" + e.name + "\": " + err.msg;
-      Report(err);
+      Report(dir->volume, err);
     }
   }
   return e.name.c_str();
@@ -1058,34 +1289,30 @@ UDFFile *UDF_OpenFile(UDFVolume *volume, UDFDir *dir, const char *name) {
   Error err;
   if (parts.empty()) {
     Quiet(&err, "not a file", name);
-    Report(err);
+    Report(volume, err);
     return nullptr;
   }
   UDFDir *where = nullptr;
   if (!WalkDirs(volume, dir, parts, parts.size() - 1, &where, &err)) {
-    Report(err);
+    Report(volume, err);
     return nullptr;
   }
   std::unique_ptr<UDFDir> holder(where);
-  std::string last(parts.back());
-  const DirEntry *e = FindEntry(where, last);
-  if (e == nullptr) {
-    Quiet(&err, "no such file", last.c_str());
-    Report(err);
-    return nullptr;
+  // Of entries sharing the name, the first regular file wins; damaged ones
+  // are reported and skipped.
+  std::span<const uint32_t> found = where->data->Find(parts.back());
+  for (uint32_t index : found) {
+    Error damage;
+    std::shared_ptr<const Entry> entry = GetEntry(volume, where->data->entries[index].icb, &damage);
+    if (entry == nullptr) {
+      Report(volume, damage);
+    } else if (entry->fileType == kFileTypeRegular) {
+      return new UDFFile{volume, std::move(entry)};
+    }
   }
-  auto file = std::make_unique<UDFFile>();
-  file->volume = volume;
-  if (!LoadEntry(volume, e->icb, &file->entry, &err)) {
-    Report(err);
-    return nullptr;
-  }
-  if (file->entry.fileType != kFileTypeRegular) {
-    Quiet(&err, "not a regular file", last.c_str());
-    Report(err);
-    return nullptr;
-  }
-  return file.release();
+  Quiet(&err, found.empty() ? "no such file" : "not a regular file", parts.back());
+  Report(volume, err);
+  return nullptr;
 }
 
 uint64_t UDF_GetFileSize(UDFVolume *volume, UDFFile *file) {
@@ -1093,16 +1320,22 @@ uint64_t UDF_GetFileSize(UDFVolume *volume, UDFFile *file) {
     BadArg(__func__);
     return UINT64_MAX;
   }
-  return file->entry.size;
+  return file->entry->size;
 }
 
 bool UDF_PReadFile(UDFFile *file, void *buffer, uint64_t offset, size_t length) {
   if (file == nullptr || (buffer == nullptr && length > 0)) {
     return BadArg(__func__);
   }
+  const uint64_t size = file->entry->size;
+  if (offset > size || length > size - offset) {
+    Log("UDF: read of %zu bytes at %llu runs past the file's %llu bytes\n", length,
+        static_cast<unsigned long long>(offset), static_cast<unsigned long long>(size));
+    return false;
+  }
   Error err;
-  if (!ReadEntryData(file->volume, file->entry, offset, buffer, length, &err)) {
-    Report(err);
+  if (!ReadEntryData(file->volume, *file->entry, offset, buffer, length, &err)) {
+    Report(file->volume, err);
     return false;
   }
   return true;
