@@ -4,8 +4,6 @@
 // the volume's DamageOnce (expected outcomes at the verbose log level only).
 #include "platform/udf/udf.h"
 
-#include <unicode/ustring.h>
-
 #include <algorithm>
 #include <array>
 #include <cstdarg>
@@ -331,26 +329,8 @@ bool DecodeCs0(const uint8_t *data, size_t len, std::string *out) {
   if (comp != 16 && comp != 255) {
     return false;
   }
-  if (n % 2 != 0) {
-    return false;
-  }
-  std::vector<UChar> units(n / 2);
-  for (size_t i = 0; i < units.size(); ++i) {
-    units[i] = static_cast<UChar>((p[2 * i] << 8) | p[2 * i + 1]);
-  }
   // Stray surrogates become U+FFFD rather than failing the name.
-  UErrorCode status = U_ZERO_ERROR;
-  int32_t need = 0;
-  u_strToUTF8WithSub(nullptr, 0, &need, units.data(), static_cast<int32_t>(units.size()), 0xFFFD,
-                     nullptr, &status);
-  if (status != U_BUFFER_OVERFLOW_ERROR && U_FAILURE(status)) {
-    return false;
-  }
-  out->resize(static_cast<size_t>(need));
-  status = U_ZERO_ERROR;
-  u_strToUTF8WithSub(out->data(), need, &need, units.data(), static_cast<int32_t>(units.size()),
-                     0xFFFD, nullptr, &status);
-  if (U_FAILURE(status) && status != U_STRING_NOT_TERMINATED_WARNING) {
+  if (!Ucs2BeToUtf8(p, n, out)) {
     out->clear();
     return false;
   }

@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <string>
 
+#include "platform/util/bytes.h"
+
 namespace gp::udf {
 
 enum : uint16_t {
@@ -32,15 +34,9 @@ constexpr size_t kFileEntryHeader = 176;  // up to the extended attributes
 constexpr size_t kExtFileEntryHeader = 216;
 constexpr size_t kLvdMapsOffset = 440;  // partition maps in the Logical Volume Descriptor
 
-inline uint16_t Le16(const uint8_t *p) {
-  return static_cast<uint16_t>(p[0] | (p[1] << 8));
-}
-inline uint32_t Le32(const uint8_t *p) {
-  return p[0] | (p[1] << 8) | (p[2] << 16) | (static_cast<uint32_t>(p[3]) << 24);
-}
-inline uint64_t Le64(const uint8_t *p) {
-  return Le32(p) | (static_cast<uint64_t>(Le32(p + 4)) << 32);
-}
+using gp::Le16;
+using gp::Le32;
+using gp::Le64;
 
 /* Sum of the tag's bytes except the checksum byte itself (byte 4). */
 uint8_t TagChecksum(const uint8_t *tag);
