@@ -5,8 +5,8 @@
 //
 // usage: bench_detect [IMAGE]   (default: tests/data/media/centos7 mastered
 //                                with xorriso, then extended to 4.7 GB sparse)
-//        bench_detect --corpus  (every tree of tests/data/media, mastered as
-//                                its family's media are, padded to 4.7 GB:
+//        bench_detect --corpus  (every row of tests/data/media/expected.tsv,
+//                                mastered as the tests do, padded to 4.7 GB:
 //                                per-image warm time and bytes read)
 #include <fcntl.h>
 #include <spawn.h>
@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "guestprep/guess.h"
+#include "tests/guessGuest/mediaCorpus.h"
 
 extern char **environ;
 
@@ -107,38 +108,40 @@ Measure MeasureImage(const std::string &image, int calls) {
   return m;
 }
 
-// Every corpus tree, mastered as its family's real media are (Windows
-// Vista and newer as UDF bridges, the rest ISO 9660 with Rock Ridge).
+// Every row of tests/data/media/expected.tsv, mastered as the detection
+// tests master it and padded to DVD size; a key other than the row's is
+// reported (the tests say which field differs).
 int Corpus() {
   namespace fs = std::filesystem;
-  const fs::path media = fs::path(GUESTPREP_TEST_DATA) / "media";
+  std::string error;
+  const std::vector<media_corpus::Row> rows =
+      media_corpus::ReadExpected(GUESTPREP_TEST_DATA, &error);
+  if (!error.empty()) {
+    fprintf(stderr, "%s", error.c_str());
+    return 1;
+  }
   const fs::path dir = fs::temp_directory_path() / "guestprep-bench-corpus";
   fs::create_directories(dir);
-  std::vector<std::string> trees;
-  for (const auto &entry : fs::directory_iterator(media)) {
-    trees.push_back(entry.path().filename().string());
-  }
-  std::sort(trees.begin(), trees.end());
   std::vector<double> medians;
   std::vector<uint64_t> bytes;
   double worstUs = 0;
   uint64_t worstBytes = 0;
-  printf("%-40s %-20s %10s %10s\n", "tree", "osKey", "warm us", "bytes");
-  for (const std::string &tree : trees) {
-    const std::string image = (dir / (tree + ".iso")).string();
-    const std::string source = (media / tree).string();
-    // Vista and newer installers (a "sources" directory) ship as UDF.
-    bool udf = fs::is_directory(media / tree / "sources");
-    int rc = udf ? Run({"genisoimage", "-quiet", "-udf", "-J", "-input-charset", "utf-8", "-o",
-                        image, source})
-                 : Run({"xorriso", "-as", "mkisofs", "-quiet", "-R", "-J", "-o", image, source});
-    if (rc != 0 || truncate(image.c_str(), 4700LL * 1000 * 1000) != 0) {
-      printf("%-40s (mastering failed)\n", tree.c_str());
+  int wrong = 0;
+  printf("%-44s %-22s %10s %10s\n", "tree.medium", "osKey", "warm us", "bytes");
+  for (const media_corpus::Row &row : rows) {
+    const std::string name = row.tree + "." + media_corpus::MediumName(row.medium);
+    const std::string image = (dir / (name + ".iso")).string();
+    const std::string source = std::string(GUESTPREP_TEST_DATA) + "/media/" + row.tree;
+    if (Run(media_corpus::MasterArgv(source, image, row.medium, row.volumeId)) != 0 ||
+        truncate(image.c_str(), 4700LL * 1000 * 1000) != 0) {
+      printf("%-44s (mastering failed)\n", name.c_str());
       continue;
     }
     Measure m = MeasureImage(image, 50);
-    printf("%-40s %-20s %10.0f %10llu\n", tree.c_str(), m.key.c_str(), m.medianUs,
-           static_cast<unsigned long long>(m.bytes));
+    bool ok = m.key == (row.osKey.empty() ? "-" : row.osKey);
+    wrong += !ok;
+    printf("%-44s %-22s %10.0f %10llu%s\n", name.c_str(), m.key.c_str(), m.medianUs,
+           static_cast<unsigned long long>(m.bytes), ok ? "" : "  (expected another key)");
     medians.push_back(m.medianUs);
     bytes.push_back(m.bytes);
     worstUs = std::max(worstUs, m.medianUs);
@@ -148,10 +151,10 @@ int Corpus() {
   std::vector<double> byteValues(bytes.begin(), bytes.end());
   printf(
       "\n%zu images: warm time median %.0f us, worst %.0f us; bytes read median %.0f, worst "
-      "%llu\n",
+      "%llu; %d with another key\n",
       medians.size(), Median(medians), worstUs, Median(byteValues),
-      static_cast<unsigned long long>(worstBytes));
-  return 0;
+      static_cast<unsigned long long>(worstBytes), wrong);
+  return wrong == 0 ? 0 : 1;
 }
 
 }  // namespace
