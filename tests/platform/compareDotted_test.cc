@@ -17,39 +17,26 @@ int Sign(int v) {
   return (v > 0) - (v < 0);
 }
 
+// "a < b", "a = b" or "a > b"; each pair is also compared the other way.
 TEST(CompareDotted, OrdersPairsInBothDirections) {
-  struct Case {
-    const char *a;
-    const char *b;
-    int sign;
-  } cases[] = {
-      {"2008.1", "2008.0.1", 1},
-      {"10.04", "9.10", 1},
-      {"1.2", "1.2.0", 0},
-      {"14.04.1", "14.04", 1},
-      {"14.04.1", "14.04.02", -1},
-      {"14.04.3", "14.04.02", 1},
-      {"20.04", "20.10", -1},
-      {"007", "7", 0},
-      {"", "0", 0},
-      {"1.", "1", 0},
-      {"1..2", "1.0.2", 0},
+  const std::string cases[] = {
+      "2008.1 > 2008.0.1", "10.04 > 9.10", "1.2 = 1.2.0", "14.04.1 > 14.04", "14.04.1 < 14.04.02",
+      "14.04.3 > 14.04.02", "20.04 < 20.10", "007 = 7", " = 0", "1. = 1", "1..2 = 1.0.2",
       // Digit runs far beyond 64 bits compare by value, not by wrapping.
-      {"1.99999999999999999999999999999999", "1.100000000000000000000000000000000", -1},
-      {"000000000000000000000000000000000000012", "12", 0},
+      "1.99999999999999999999999999999999 < 1.100000000000000000000000000000000",
+      "000000000000000000000000000000000000012 = 12",
       // Text after the digits of a part breaks ties lexically.
-      {"20.04-LTS", "20.04", 1},
-      {"20.04-LTS", "20.05", -1},
-      {"1.2rc", "1.2", 1},
-      {"beta", "0", 1},
-      {nullptr, "1", -1},
-      {nullptr, nullptr, 0},
-  };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(std::string(c.a ? c.a : "(null)") + " vs " + (c.b ? c.b : "(null)"));
-    EXPECT_EQ(c.sign, Sign(Util_CompareDotted(c.a, c.b)));
-    EXPECT_EQ(-c.sign, Sign(Util_CompareDotted(c.b, c.a)));
+      "20.04-LTS > 20.04", "20.04-LTS < 20.05", "1.2rc > 1.2", "beta > 0"};
+  for (const std::string &c : cases) {
+    size_t op = c.find(' ');
+    const std::string a = c.substr(0, op), b = c.substr(op + 3);
+    int sign = c[op + 1] == '<' ? -1 : c[op + 1] == '>';
+    EXPECT_EQ(sign, Sign(Util_CompareDotted(a.c_str(), b.c_str()))) << c;
+    EXPECT_EQ(-sign, Sign(Util_CompareDotted(b.c_str(), a.c_str()))) << c;
   }
+  EXPECT_EQ(-1, Sign(Util_CompareDotted(nullptr, "1")));
+  EXPECT_EQ(1, Sign(Util_CompareDotted("1", nullptr)));
+  EXPECT_EQ(0, Util_CompareDotted(nullptr, nullptr));
 }
 
 // For dotted numbers of one shape (same number of parts, no leading

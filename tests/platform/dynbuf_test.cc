@@ -70,11 +70,13 @@ TEST(DynBuf, ImpossibleSizesFailCleanlyAndKeepTheData) {
   DynBuf_Destroy(&b);
 }
 
-TEST(DynBuf, DetachHandsOverTheBlock) {
+// Detaching hands over a NUL-ended block and leaves an empty buffer; a
+// trimmed buffer holds exactly its bytes.
+TEST(DynBuf, DetachAndTrim) {
   DynBuf b;
   DynBuf_Init(&b);
   EXPECT_EQ(nullptr, DynBuf_Detach(&b));
-  for (std::string content : {std::string(), std::string("text"), std::string("ends\0", 5)}) {
+  for (std::string content : {std::string(), std::string("ends\0", 5)}) {
     ASSERT_TRUE(DynBuf_Append(&b, content.data(), content.size()));
     char *s = DynBuf_DetachString(&b);
     EXPECT_EQ(content.c_str(), std::string(s));
@@ -84,8 +86,7 @@ TEST(DynBuf, DetachHandsOverTheBlock) {
   }
   ASSERT_TRUE(DynBuf_Enlarge(&b, 1000));
   memcpy(DynBuf_Get(&b), "written directly", 16);
-  ASSERT_TRUE(DynBuf_SetSize(&b, 16));
-  ASSERT_TRUE(DynBuf_Trim(&b));
+  ASSERT_TRUE(DynBuf_SetSize(&b, 16) && DynBuf_Trim(&b));
   EXPECT_EQ(16u, DynBuf_GetAllocatedSize(&b));
   ExpectHolds(b, "written directly");
   free(DynBuf_Detach(&b));
