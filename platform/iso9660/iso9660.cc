@@ -1,13 +1,23 @@
 /*
- * ISO 9660 reader: volume descriptors, directory walking with primary,
+ * ISO 9660 reader: volume descriptors, directory indexes with primary,
  * Joliet or Rock Ridge names, and file reads across multiple extents.
  *
- * Everything is read through the volume's gp::ImageReader. Directory sectors
- * go through a small per-volume cache (lookups revisit the same few sectors);
- * file data is read straight into the caller's buffer.
+ * Everything is read through the volume's gp::ImageReader. Metadata
+ * (descriptors, directory sectors, Rock Ridge continuation areas) goes
+ * through a per-volume block cache that holds all of a small image's, so
+ * however its records point at one another no block is read twice; file data
+ * is read straight into the caller's buffer.
  *
- * Errors travel inside as Status values and are logged once, at the
- * exported function that returns them ("ISO9660: <what was wrong>").
+ * Each directory is parsed once into a compact index (names in one arena,
+ * orders for exact and caseless lookups) that walks, listings and lookups
+ * share. A damaged record is left out of the index and the records after it
+ * are still indexed, so what a lookup finds never depends on where a bad
+ * record sits. Indexes are evicted least recently used past a memory budget,
+ * and the indexing work of a volume is bounded whatever the image says.
+ *
+ * Damage goes to the volume's DamageOnce: one report per volume, the rest
+ * dropped. Caller mistakes (null handles) are logged; "not found" and the end
+ * of a listing are answers, not events.
  */
 #include "platform/iso9660/iso9660.h"
 
@@ -19,9 +29,10 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <set>
+#include <list>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -36,14 +47,34 @@ constexpr uint32_t kFirstDescriptorBlock = 16;
 constexpr uint32_t kMaxDescriptors = 64;
 constexpr size_t kMaxPathDepth = 64;
 constexpr uint64_t kMaxDirBytes = 64ull << 20;
-constexpr uint32_t kMaxDirRecords = 1u << 20;
+// Real directories hold tens of thousands of entries; this leaves room for
+// 200,000 while one index stays around 10 MiB.
+constexpr uint32_t kMaxDirRecords = 1u << 18;
 // Continuation areas followed for one record, and all its system use bytes.
 constexpr uint32_t kMaxCeChain = 32;
 constexpr size_t kMaxSuspBytes = 64u << 10;
+// Continuation bytes parsed while indexing one directory: records that all
+// share one long chain cost no more than this. Each hop costs a little even
+// when its area is empty.
+constexpr uint64_t kMaxDirSuspBytes = 16u << 20;
+constexpr uint64_t kCeHopCost = 32;
+// Name bytes of one directory's index.
+constexpr size_t kMaxDirNameBytes = 8u << 20;
 // Parts of one multi-extent file (about 4 TiB with 4 GiB parts).
 constexpr uint32_t kMaxExtents = 1024;
 constexpr size_t kMaxNameBytes = sizeof(Iso9660DirEntry::name) - 1;
-constexpr size_t kCacheSlots = 16;
+// Metadata blocks kept per volume (4 MiB): all of a small image's.
+constexpr size_t kCacheBlocks = 2048;
+// Directory sectors are fetched this many at a time.
+constexpr uint32_t kReadAheadBlocks = 16;
+// Memory of the directory indexes a volume keeps (one larger index is
+// kept alone).
+constexpr size_t kIndexBudgetBytes = 16u << 20;
+// Directory and continuation bytes one volume may index in its life: a few
+// times the volume itself, so directories aliasing one another cannot keep
+// it busy however they are walked.
+constexpr uint64_t kMinIndexWork = 64ull << 20;
+constexpr uint64_t kIndexWorkPerVolumeByte = 4;
 
 constexpr size_t kMinRecordLen = 34;  // 33 fixed bytes and a one-byte name
 constexpr size_t kRootRecordOffset = 156;
@@ -58,9 +89,16 @@ constexpr uint8_t kNmContinue = 0x01;
 constexpr uint8_t kNmCurrent = 0x02;
 constexpr uint8_t kNmParent = 0x04;
 
+// Index-only flag: a damaged entry whose name is known, so that naming it
+// gives what was wrong (kept in its mode field) rather than "not found".
+// Never listed.
+constexpr uint16_t kEntryDamaged = 0x8000;
+
 struct Status {
   Iso9660Result code = ISO9660_OK;
   std::string message;
+  bool quiet = false;   // already reported, or an answer rather than an event
+  bool misuse = false;  // about the caller's arguments, not the image
   bool ok() const { return code == ISO9660_OK; }
 };
 
@@ -78,13 +116,15 @@ Status Fail(Iso9660Result code, const char *fmt, ...) {
   return s;
 }
 
-// Logs a failure once where it leaves the reader. A missing name is an
-// ordinary answer for callers probing paths, so it stays quiet.
-Iso9660Result Report(const Status &s) {
-  if (!s.ok() && s.code != ISO9660_EOF && s.code != ISO9660_ERR_NOT_FOUND) {
-    Log("ISO9660: %s\n", s.message.c_str());
-  }
-  return s.code;
+Status Quiet(Iso9660Result code) {
+  Status s;
+  s.code = code;
+  s.quiet = true;
+  return s;
+}
+
+unsigned long long U64(uint64_t v) {
+  return static_cast<unsigned long long>(v);
 }
 
 uint16_t Le16(const uint8_t *p) {
@@ -95,7 +135,7 @@ uint32_t Le32(const uint8_t *p) {
          (static_cast<uint32_t>(p[2]) << 16) | (static_cast<uint32_t>(p[3]) << 24);
 }
 
-// A printable form of a raw name for log lines (names are hostile input).
+// A printable form of a raw name for reports (names are hostile input).
 std::string Printable(std::string_view raw) {
   std::string out;
   for (unsigned char c : raw.substr(0, 64)) {
@@ -110,13 +150,31 @@ std::string Printable(std::string_view raw) {
   return out;
 }
 
+char AsciiLower(char c) {
+  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+int CompareNames(std::string_view a, std::string_view b, bool caseless) {
+  if (!caseless) {
+    return a.compare(b);
+  }
+  size_t n = std::min(a.size(), b.size());
+  for (size_t i = 0; i < n; ++i) {
+    unsigned char x = AsciiLower(a[i]), y = AsciiLower(b[i]);
+    if (x != y) {
+      return x < y ? -1 : 1;
+    }
+  }
+  return a.size() < b.size() ? -1 : a.size() > b.size() ? 1 : 0;
+}
+
 // Where a directory's records are.
 struct DirRef {
   uint32_t block = 0;  // first block of the records
   uint32_t size = 0;   // bytes
 };
 
-// One directory record, copied out of its sector (the cache may reuse it).
+// One directory record, copied out of its sector.
 struct Record {
   uint64_t offset = 0;  // image offset
   std::array<uint8_t, 256> bytes{};
@@ -152,10 +210,130 @@ struct RrInfo {
   uint32_t clBlock = 0;
 };
 
+// One entry of a directory index: what Iso9660DirEntry carries, without
+// the 4 KiB name buffer.
+struct IndexEntry {
+  uint64_t size64 = 0;
+  uint64_t recordOffset = 0;
+  uint32_t nameOffset = 0;  // in the index's arena
+  uint32_t extent = 0;
+  uint32_t mode = 0;
+  uint16_t nameLen = 0;
+  uint16_t flags = 0;  // ISO9660_ENTRY_* and kEntryDamaged
+};
+
+// All shown entries of one directory, in record order, with two orders of
+// their positions (exact and ASCII-caseless names; good entries before
+// damaged ones, then record order) for binary-search lookups.
+struct DirIndex {
+  DirRef ref;
+  std::string names;
+  std::vector<IndexEntry> entries;
+  std::vector<uint32_t> exact;
+  std::vector<uint32_t> caseless;
+  bool damaged = false;  // some record was left out
+  uint64_t lastUse = 0;
+
+  std::string_view Name(const IndexEntry &e) const {
+    return std::string_view(names).substr(e.nameOffset, e.nameLen);
+  }
+  void Add(std::string_view name, IndexEntry e) {
+    e.nameOffset = static_cast<uint32_t>(names.size());
+    e.nameLen = static_cast<uint16_t>(name.size());
+    names.append(name);
+    entries.push_back(e);
+  }
+  void Finish() {
+    names.shrink_to_fit();
+    entries.shrink_to_fit();
+    const char *base = names.data();
+    for (auto [order, fold] : {std::pair{&exact, false}, std::pair{&caseless, true}}) {
+      order->resize(entries.size());
+      for (uint32_t i = 0; i < order->size(); ++i) {
+        (*order)[i] = i;
+      }
+      auto less = [&, fold = fold](uint32_t a, uint32_t b) {
+        const IndexEntry &x = entries[a], &y = entries[b];
+        int c =
+            CompareNames({base + x.nameOffset, x.nameLen}, {base + y.nameOffset, y.nameLen}, fold);
+        if (c != 0) {
+          return c < 0;
+        }
+        bool dx = x.flags & kEntryDamaged, dy = y.flags & kEntryDamaged;
+        return dx != dy ? dy : a < b;
+      };
+      // Records are mostly stored in name order already.
+      if (!std::is_sorted(order->begin(), order->end(), less)) {
+        std::sort(order->begin(), order->end(), less);
+      }
+    }
+  }
+  const IndexEntry *Find(std::string_view name, bool fold) const {
+    const std::vector<uint32_t> &order = fold ? caseless : exact;
+    auto it =
+        std::lower_bound(order.begin(), order.end(), name, [&](uint32_t i, std::string_view key) {
+          return CompareNames(Name(entries[i]), key, fold) < 0;
+        });
+    if (it == order.end() || CompareNames(Name(entries[*it]), name, fold) != 0) {
+      return nullptr;
+    }
+    return &entries[*it];
+  }
+  size_t Bytes() const {
+    return sizeof *this + names.capacity() + entries.capacity() * sizeof(IndexEntry) +
+           (exact.capacity() + caseless.capacity()) * sizeof(uint32_t);
+  }
+};
+
+// Least recently used image blocks. A pointer handed out stays valid until
+// its block is evicted, kCacheBlocks insertions later at the soonest.
+class BlockCache {
+ public:
+  const uint8_t *Find(uint32_t block) {
+    auto it = map_.find(block);
+    if (it == map_.end()) {
+      return nullptr;
+    }
+    lru_.splice(lru_.begin(), lru_, it->second);
+    return it->second->data.data();
+  }
+  bool Contains(uint32_t block) const { return map_.count(block) != 0; }
+  // A slot for block, to be filled by the caller (or dropped on failure).
+  uint8_t *Insert(uint32_t block) {
+    if (lru_.size() >= kCacheBlocks) {
+      lru_.splice(lru_.begin(), lru_, std::prev(lru_.end()));
+      map_.erase(lru_.front().block);
+    } else {
+      lru_.emplace_front();
+    }
+    lru_.front().block = block;
+    map_[block] = lru_.begin();
+    return lru_.front().data.data();
+  }
+  void Drop(uint32_t block) {
+    auto it = map_.find(block);
+    if (it != map_.end()) {
+      lru_.erase(it->second);
+      map_.erase(it);
+    }
+  }
+
+ private:
+  struct Slot {
+    uint32_t block = 0;
+    std::array<uint8_t, kBlockSize> data;
+  };
+  std::list<Slot> lru_;
+  std::unordered_map<uint32_t, std::list<Slot>::iterator> map_;
+};
+
 }  // namespace
 
 struct Iso9660Volume {
+  explicit Iso9660Volume(gp::DamageReporter *reporter) : damage(reporter, "ISO9660") {}
+
   std::unique_ptr<gp::ImageReader> reader;
+  gp::DamageOnce damage;
   uint64_t imageSize = gp::ImageReader::kUnknownSize;
   uint32_t volumeBlocks = 0;
   uint32_t formats = ISO9660_FORMAT_ISO;
@@ -169,13 +347,11 @@ struct Iso9660Volume {
   std::string volumeId;
   int openHandles = 0;
 
-  struct Slot {
-    uint32_t block = 0;
-    uint64_t lastUse = 0;  // 0: empty
-    std::array<uint8_t, kBlockSize> data{};
-  };
-  std::array<Slot, kCacheSlots> cache;
-  uint64_t useClock = 0;
+  BlockCache cache;
+  std::unordered_map<uint32_t, std::shared_ptr<DirIndex>> indexes;  // by first block
+  size_t indexBytes = 0;
+  uint64_t indexClock = 0;
+  uint64_t workLeft = kMinIndexWork;
 
   DirRef root() const { return format == ISO9660_FORMAT_JOLIET ? jolietRoot : pvdRoot; }
   uint64_t rootRecordOffset() const {
@@ -185,9 +361,9 @@ struct Iso9660Volume {
 
 struct Iso9660Dir {
   const Iso9660Volume *owner = nullptr;
-  DirRef ref;
-  uint64_t pos = 0;  // byte offset inside the directory
-  uint32_t records = 0;
+  std::shared_ptr<const DirIndex> index;
+  size_t pos = 0;
+  bool damageTold = false;
 };
 
 struct Iso9660File {
@@ -202,6 +378,21 @@ struct Iso9660File {
 };
 
 namespace {
+
+// Where a failure leaving the reader goes: damage to the volume's single
+// report, a caller's mistake to the log, answers ("not found", the end)
+// nowhere.
+Iso9660Result Report(Iso9660Volume *vol, const Status &s) {
+  if (s.ok() || s.quiet || s.code == ISO9660_EOF || s.code == ISO9660_ERR_NOT_FOUND) {
+    return s.code;
+  }
+  if (s.code == ISO9660_ERR_INVALID_ARG || s.misuse || vol == nullptr) {
+    Log("ISO9660: %s\n", s.message.c_str());
+  } else {
+    vol->damage.Report(s.message);
+  }
+  return s.code;
+}
 
 // True when [block, block + bytes) lies inside the volume and the image.
 bool RangeInImage(const Iso9660Volume &vol, uint32_t block, uint64_t bytes) {
@@ -219,32 +410,46 @@ bool RangeInImage(const Iso9660Volume &vol, uint32_t block, uint64_t bytes) {
   return true;
 }
 
-// One block through the cache; the pointer stays valid until the next call.
+// One block through the cache.
 Status GetBlock(Iso9660Volume &vol, uint32_t block, const uint8_t **out) {
-  ++vol.useClock;
-  Iso9660Volume::Slot *victim = &vol.cache[0];
-  for (auto &slot : vol.cache) {
-    if (slot.lastUse != 0 && slot.block == block) {
-      slot.lastUse = vol.useClock;
-      *out = slot.data.data();
-      return {};
-    }
-    if (slot.lastUse < victim->lastUse) {
-      victim = &slot;
-    }
+  if ((*out = vol.cache.Find(block)) != nullptr) {
+    return {};
   }
   if (vol.volumeBlocks != 0 && !RangeInImage(vol, block, kBlockSize)) {
     return Fail(ISO9660_ERR_CORRUPT, "block %u beyond end of image", block);
   }
-  if (!vol.reader->ReadAt(static_cast<uint64_t>(block) * kBlockSize, victim->data.data(),
-                          kBlockSize)) {
-    victim->lastUse = 0;
+  uint8_t *slot = vol.cache.Insert(block);
+  if (!vol.reader->ReadAt(static_cast<uint64_t>(block) * kBlockSize, slot, kBlockSize)) {
+    vol.cache.Drop(block);
     return Fail(ISO9660_ERR_IO, "cannot read block %u", block);
   }
-  victim->block = block;
-  victim->lastUse = vol.useClock;
-  *out = victim->data.data();
+  *out = slot;
   return {};
+}
+
+// Block i of a directory, fetched with the uncached blocks after it in one
+// read (a big directory is read in a few large reads, each sector once).
+Status GetDirBlock(Iso9660Volume &vol, const DirRef &ref, uint32_t i, const uint8_t **out) {
+  uint32_t block = ref.block + i;
+  if ((*out = vol.cache.Find(block)) != nullptr) {
+    return {};
+  }
+  uint32_t blocks = (ref.size + kBlockSize - 1) / kBlockSize;
+  uint32_t run = 1;
+  while (run < kReadAheadBlocks && i + run < blocks && !vol.cache.Contains(block + run)) {
+    ++run;
+  }
+  if (run > 1) {
+    std::vector<uint8_t> buf(static_cast<size_t>(run) * kBlockSize);
+    if (vol.reader->ReadAt(static_cast<uint64_t>(block) * kBlockSize, buf.data(), buf.size())) {
+      for (uint32_t k = run; k-- > 0;) {
+        memcpy(vol.cache.Insert(block + k), &buf[static_cast<size_t>(k) * kBlockSize], kBlockSize);
+      }
+      *out = vol.cache.Find(block);
+      return {};
+    }
+  }
+  return GetBlock(vol, block, out);  // one at a time: a bad block fails only itself
 }
 
 // Bytes at an arbitrary image offset, through the cache.
@@ -252,8 +457,7 @@ Status ReadBytes(Iso9660Volume &vol, uint64_t offset, size_t len, uint8_t *out) 
   while (len > 0) {
     uint64_t block = offset / kBlockSize;
     if (block > UINT32_MAX) {
-      return Fail(ISO9660_ERR_CORRUPT, "offset %llu beyond end of image",
-                  static_cast<unsigned long long>(offset));
+      return Fail(ISO9660_ERR_CORRUPT, "offset %llu beyond end of image", U64(offset));
     }
     const uint8_t *data;
     Status s = GetBlock(vol, static_cast<uint32_t>(block), &data);
@@ -270,38 +474,42 @@ Status ReadBytes(Iso9660Volume &vol, uint64_t offset, size_t len, uint8_t *out) 
   return {};
 }
 
-// Reads the record at image offset `offset`, which must lie wholly inside its
-// sector; a zero length byte gives a record with len 0 (end of sector).
+// The record at byte `in` of a sector that starts at image offset
+// `sectorOffset`; a zero length byte gives a record with len 0.
+Status ParseRecord(const uint8_t *sector, size_t in, uint64_t sectorOffset, Record *rec) {
+  uint64_t offset = sectorOffset + in;
+  rec->offset = offset;
+  rec->len = sector[in];
+  if (rec->len == 0) {
+    return {};
+  }
+  if (rec->len < kMinRecordLen) {
+    return Fail(ISO9660_ERR_CORRUPT, "directory record too short (%u bytes) at offset %llu",
+                rec->len, U64(offset));
+  }
+  if (in + rec->len > kBlockSize) {
+    return Fail(ISO9660_ERR_CORRUPT, "directory record overruns its sector at offset %llu",
+                U64(offset));
+  }
+  memcpy(rec->bytes.data(), sector + in, rec->len);
+  if (33u + rec->nameLen() > rec->len || rec->nameLen() == 0) {
+    return Fail(ISO9660_ERR_CORRUPT, "directory record name overruns the record at offset %llu",
+                U64(offset));
+  }
+  return {};
+}
+
 Status ReadRecordAt(Iso9660Volume &vol, uint64_t offset, Record *rec) {
   if (offset / kBlockSize > UINT32_MAX) {
     return Fail(ISO9660_ERR_CORRUPT, "directory record offset %llu beyond end of image",
-                static_cast<unsigned long long>(offset));
+                U64(offset));
   }
   const uint8_t *data;
   Status s = GetBlock(vol, static_cast<uint32_t>(offset / kBlockSize), &data);
   if (!s.ok()) {
     return s;
   }
-  size_t in = offset % kBlockSize;
-  rec->offset = offset;
-  rec->len = data[in];
-  if (rec->len == 0) {
-    return {};
-  }
-  if (rec->len < kMinRecordLen) {
-    return Fail(ISO9660_ERR_CORRUPT, "directory record too short (%u bytes) at offset %llu",
-                rec->len, static_cast<unsigned long long>(offset));
-  }
-  if (in + rec->len > kBlockSize) {
-    return Fail(ISO9660_ERR_CORRUPT, "directory record overruns its sector at offset %llu",
-                static_cast<unsigned long long>(offset));
-  }
-  memcpy(rec->bytes.data(), data + in, rec->len);
-  if (33u + rec->nameLen() > rec->len || rec->nameLen() == 0) {
-    return Fail(ISO9660_ERR_CORRUPT, "directory record name overruns the record at offset %llu",
-                static_cast<unsigned long long>(offset));
-  }
-  return {};
+  return ParseRecord(data, offset % kBlockSize, offset - offset % kBlockSize, rec);
 }
 
 bool IsRockRidgeId(std::string_view id) {
@@ -310,14 +518,17 @@ bool IsRockRidgeId(std::string_view id) {
 
 // Walks the SUSP entries of a record and its continuation areas. rootDot
 // reads the root's "." record, where SP sits at the start of the area.
-Status ParseSusp(Iso9660Volume &vol, const Record &rec, bool rootDot, RrInfo *rr) {
+// budget, when given, is what the record's directory may still spend on
+// continuation areas.
+Status ParseSusp(Iso9660Volume &vol, const Record &rec, bool rootDot, RrInfo *rr,
+                 uint64_t *budget) {
   size_t start = rec.suspStart() + (rootDot ? 0 : vol.suspSkip);
   if (start >= rec.len) {
     return {};
   }
   std::vector<uint8_t> area(rec.bytes.begin() + start, rec.bytes.begin() + rec.len);
   size_t total = area.size();
-  std::set<std::pair<uint32_t, uint32_t>> visited;
+  std::array<std::pair<uint32_t, uint32_t>, kMaxCeChain> visited;
   uint32_t chain = 0;
   bool first = true;
   for (;;) {
@@ -333,7 +544,7 @@ Status ParseSusp(Iso9660Volume &vol, const Record &rec, bool rootDot, RrInfo *rr
       }
       if (len < 4 || len > area.size() - i) {
         return Fail(ISO9660_ERR_CORRUPT, "malformed system use entry in record at offset %llu",
-                    static_cast<unsigned long long>(rec.offset));
+                    U64(rec.offset));
       }
       std::string_view sig(reinterpret_cast<const char *>(e), 2);
       if (sig == "SP" && len >= 7 && first && i == 0 && e[4] == 0xBE && e[5] == 0xEF) {
@@ -372,14 +583,14 @@ Status ParseSusp(Iso9660Volume &vol, const Record &rec, bool rootDot, RrInfo *rr
           return Fail(ISO9660_ERR_CORRUPT,
                       "Rock Ridge name refers to the directory itself or its parent at offset "
                       "%llu",
-                      static_cast<unsigned long long>(rec.offset));
+                      U64(rec.offset));
         }
         if (!rr->nameDone) {
           rr->haveName = true;
           rr->name.append(reinterpret_cast<const char *>(e + 5), len - 5);
           if (rr->name.size() > kMaxNameBytes) {
             return Fail(ISO9660_ERR_LIMIT, "Rock Ridge name longer than %zu bytes at offset %llu",
-                        kMaxNameBytes, static_cast<unsigned long long>(rec.offset));
+                        kMaxNameBytes, U64(rec.offset));
           }
           rr->nameDone = !(e[4] & kNmContinue);
         }
@@ -391,22 +602,33 @@ Status ParseSusp(Iso9660Volume &vol, const Record &rec, bool rootDot, RrInfo *rr
     if (!haveCe) {
       return {};
     }
-    if (!visited.insert({ceBlock, ceOffset}).second) {
+    std::pair<uint32_t, uint32_t> at{ceBlock, ceOffset};
+    if (std::find(visited.begin(), visited.begin() + chain, at) != visited.begin() + chain) {
       return Fail(ISO9660_ERR_CORRUPT, "Rock Ridge continuation loop at block %u for offset %llu",
-                  ceBlock, static_cast<unsigned long long>(rec.offset));
+                  ceBlock, U64(rec.offset));
     }
-    if (++chain > kMaxCeChain) {
+    if (chain == kMaxCeChain) {
       return Fail(ISO9660_ERR_LIMIT, "more than %u Rock Ridge continuation areas at offset %llu",
-                  kMaxCeChain, static_cast<unsigned long long>(rec.offset));
+                  kMaxCeChain, U64(rec.offset));
     }
+    visited[chain++] = at;
     if (ceLen > kMaxSuspBytes - std::min(total, kMaxSuspBytes) || ceOffset >= kBlockSize) {
       return Fail(ISO9660_ERR_LIMIT, "Rock Ridge data over %zu bytes at offset %llu", kMaxSuspBytes,
-                  static_cast<unsigned long long>(rec.offset));
+                  U64(rec.offset));
+    }
+    if (budget != nullptr) {
+      uint64_t cost = ceLen + kCeHopCost;
+      if (cost > *budget) {
+        return Fail(ISO9660_ERR_LIMIT,
+                    "Rock Ridge continuation data of one directory over %llu bytes at offset %llu",
+                    U64(kMaxDirSuspBytes), U64(rec.offset));
+      }
+      *budget -= cost;
     }
     if (!RangeInImage(vol, ceBlock, static_cast<uint64_t>(ceOffset) + ceLen)) {
       return Fail(ISO9660_ERR_CORRUPT,
                   "Rock Ridge continuation area beyond end of image: block %u for offset %llu",
-                  ceBlock, static_cast<unsigned long long>(rec.offset));
+                  ceBlock, U64(rec.offset));
     }
     total += ceLen;
     area.assign(ceLen, 0);
@@ -422,8 +644,7 @@ Status ParseSusp(Iso9660Volume &vol, const Record &rec, bool rootDot, RrInfo *rr
 // surrogates become U+FFFD rather than invalid UTF-8.
 Status JolietToUtf8(std::string_view raw, uint64_t offset, std::string *out) {
   if (raw.size() % 2 != 0) {
-    return Fail(ISO9660_ERR_CORRUPT, "Joliet name of odd length at offset %llu",
-                static_cast<unsigned long long>(offset));
+    return Fail(ISO9660_ERR_CORRUPT, "Joliet name of odd length at offset %llu", U64(offset));
   }
   std::u16string units;
   for (size_t i = 0; i < raw.size(); i += 2) {
@@ -436,8 +657,7 @@ Status JolietToUtf8(std::string_view raw, uint64_t offset, std::string *out) {
   u_strToUTF8WithSub(buf, sizeof buf, &len, units.data(), static_cast<int32_t>(units.size()),
                      0xFFFD, nullptr, &err);
   if (U_FAILURE(err) || len < 0 || static_cast<size_t>(len) >= sizeof buf) {
-    return Fail(ISO9660_ERR_CORRUPT, "Joliet name cannot be converted at offset %llu",
-                static_cast<unsigned long long>(offset));
+    return Fail(ISO9660_ERR_CORRUPT, "Joliet name cannot be converted at offset %llu", U64(offset));
   }
   out->assign(buf, static_cast<size_t>(len));
   return {};
@@ -457,7 +677,7 @@ Status CheckName(const std::string &name, uint64_t offset) {
   if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos ||
       name.find('\0') != std::string::npos) {
     return Fail(ISO9660_ERR_CORRUPT, "unusable name \"%s\" in directory record at offset %llu",
-                Printable(name).c_str(), static_cast<unsigned long long>(offset));
+                Printable(name).c_str(), U64(offset));
   }
   return {};
 }
@@ -479,14 +699,14 @@ Status DotRecordSize(Iso9660Volume &vol, uint32_t block, uint32_t *size) {
   return {};
 }
 
-Status CheckDirRef(const Iso9660Volume &vol, const DirRef &ref, const std::string &what) {
+Status CheckDirRef(const Iso9660Volume &vol, const DirRef &ref, std::string_view what) {
   if (ref.size == 0) {
     return Fail(ISO9660_ERR_CORRUPT, "empty directory extent: \"%s\" block %u",
                 Printable(what).c_str(), ref.block);
   }
   if (ref.size > kMaxDirBytes) {
     return Fail(ISO9660_ERR_LIMIT, "directory larger than %llu bytes: \"%s\" (%u bytes)",
-                static_cast<unsigned long long>(kMaxDirBytes), Printable(what).c_str(), ref.size);
+                U64(kMaxDirBytes), Printable(what).c_str(), ref.size);
   }
   if (!RangeInImage(vol, ref.block, ref.size)) {
     return Fail(ISO9660_ERR_CORRUPT, "directory extent beyond end of image: \"%s\" block %u",
@@ -495,58 +715,106 @@ Status CheckDirRef(const Iso9660Volume &vol, const DirRef &ref, const std::strin
   return {};
 }
 
-// The next record of a directory, or len 0 at its end. Moves pos past what
-// it consumed, even on failure (past a broken record to the next sector), so
-// a caller that goes on after an error always makes progress.
-Status NextRecord(Iso9660Volume &vol, Iso9660Dir *dir, Record *rec) {
-  for (;;) {
-    if (dir->pos >= dir->ref.size) {
-      rec->len = 0;
-      return {};
+// Real files never overlap themselves; parts that do would let a small
+// image describe an enormous file. Other files may share a part (deduplicated
+// images do that).
+Status CheckPartsDisjoint(std::vector<Iso9660File::Extent> parts, std::string_view name) {
+  std::erase_if(parts, [](const Iso9660File::Extent &p) { return p.bytes == 0; });
+  std::sort(parts.begin(), parts.end(),
+            [](const auto &a, const auto &b) { return a.block < b.block; });
+  for (size_t i = 1; i < parts.size(); ++i) {
+    uint64_t end =
+        parts[i - 1].block + (uint64_t{parts[i - 1].bytes} + kBlockSize - 1) / kBlockSize;
+    if (end > parts[i].block) {
+      return Fail(ISO9660_ERR_CORRUPT, "multi-extent file \"%s\" has overlapping parts at block %u",
+                  Printable(name).c_str(), parts[i].block);
     }
-    if (++dir->records > kMaxDirRecords) {
-      dir->pos = dir->ref.size;
-      return Fail(ISO9660_ERR_LIMIT, "more than %u records in directory at block %u",
-                  kMaxDirRecords, dir->ref.block);
-    }
-    uint64_t nextSector = (dir->pos / kBlockSize + 1) * kBlockSize;
-    uint64_t offset = static_cast<uint64_t>(dir->ref.block) * kBlockSize + dir->pos;
-    Status s = ReadRecordAt(vol, offset, rec);
-    if (!s.ok()) {
-      dir->pos = nextSector;
-      return s;
-    }
-    if (rec->len == 0) {
-      dir->pos = nextSector;  // records never straddle a sector
-      continue;
-    }
-    if (dir->pos + rec->len > dir->ref.size) {
-      dir->pos = dir->ref.size;
-      return Fail(ISO9660_ERR_CORRUPT,
-                  "directory record runs past the end of its directory at "
-                  "offset %llu",
-                  static_cast<unsigned long long>(offset));
-    }
-    dir->pos += rec->len;
-    return {};
   }
+  return {};
 }
 
+// The records of one directory extent in order. A record whose length is
+// broken costs the rest of its sector (records never straddle sectors);
+// other damage costs the record alone. The stream always moves forward.
+class RecordStream {
+ public:
+  RecordStream(Iso9660Volume &vol, const DirRef &ref) : vol_(vol), ref_(ref) {}
+
+  // The next record, or len 0 at the end. Damage comes back as a failure
+  // with the stream already past it; ISO9660_ERR_IO means the directory
+  // could not be read.
+  Status Next(Record *rec) {
+    for (;;) {
+      if (pos_ >= ref_.size) {
+        rec->len = 0;
+        return {};
+      }
+      uint32_t sector = static_cast<uint32_t>(pos_ / kBlockSize);
+      uint64_t nextSector = uint64_t{sector + 1} * kBlockSize;
+      const uint8_t *data;
+      Status s = GetDirBlock(vol_, ref_, sector, &data);
+      if (!s.ok()) {
+        pos_ = nextSector;
+        return s;
+      }
+      size_t in = pos_ % kBlockSize;
+      if (data[in] == 0) {
+        pos_ = nextSector;
+        continue;
+      }
+      if (++records_ > kMaxDirRecords) {
+        pos_ = ref_.size;
+        return Fail(ISO9660_ERR_LIMIT, "more than %u records in directory at block %u",
+                    kMaxDirRecords, ref_.block);
+      }
+      uint64_t sectorOffset = (uint64_t{ref_.block} + sector) * kBlockSize;
+      s = ParseRecord(data, in, sectorOffset, rec);
+      uint8_t len = data[in];
+      if (!s.ok()) {
+        pos_ = len >= kMinRecordLen && in + len <= kBlockSize ? pos_ + len : nextSector;
+        return s;
+      }
+      if (pos_ + len > ref_.size) {
+        pos_ = ref_.size;
+        return Fail(ISO9660_ERR_CORRUPT,
+                    "directory record runs past the end of its directory at offset %llu",
+                    U64(rec->offset));
+      }
+      last_ = pos_;
+      pos_ += len;
+      return {};
+    }
+  }
+  // The record just read comes again from the next call.
+  void Unread() {
+    pos_ = last_;
+    --records_;
+  }
+
+ private:
+  Iso9660Volume &vol_;
+  DirRef ref_;
+  uint64_t pos_ = 0;
+  uint64_t last_ = 0;
+  uint32_t records_ = 0;
+};
+
 // Turns a record (and, for a multi-extent file, the records after it) into
-// an entry. *skip is set for records that are not shown (".", "..",
-// associated files, relocated directories).
-Status BuildEntry(Iso9660Volume &vol, Iso9660Dir *dir, const Record &first, Iso9660DirEntry *entry,
-                  bool *skip) {
+// an index entry. *skip is set for records that are not shown (".", "..",
+// associated files, relocated directories). *name is set as soon as the
+// entry's name is known, so that a damaged entry can still be named.
+Status BuildEntry(Iso9660Volume &vol, RecordStream &stream, const Record &first,
+                  uint64_t *suspBudget, std::string *name, IndexEntry *out, bool *skip) {
   *skip = false;
+  name->clear();
   if (first.isDotOrDotDot() || (first.flags() & kRecAssociated)) {
     *skip = true;
     return {};
   }
-  std::string name;
   RrInfo rr;
   bool useRr = vol.format == ISO9660_FORMAT_ROCKRIDGE;
   if (useRr) {
-    Status s = ParseSusp(vol, first, false, &rr);
+    Status s = ParseSusp(vol, first, false, &rr, suspBudget);
     if (!s.ok()) {
       return s;
     }
@@ -555,60 +823,74 @@ Status BuildEntry(Iso9660Volume &vol, Iso9660Dir *dir, const Record &first, Iso9
       return {};
     }
   }
+  std::string candidate;
   if (useRr && rr.haveName) {
-    name = rr.name;
+    candidate = rr.name;
   } else if (vol.format == ISO9660_FORMAT_JOLIET) {
-    Status s = JolietToUtf8(first.rawName(), first.offset, &name);
+    Status s = JolietToUtf8(first.rawName(), first.offset, &candidate);
     if (!s.ok()) {
       return s;
     }
-    StripVersion(&name);
+    StripVersion(&candidate);
   } else {
-    name.assign(first.rawName());
-    StripVersion(&name);
-    if (name.size() > 1 && name.back() == '.') {
-      name.pop_back();
+    candidate.assign(first.rawName());
+    StripVersion(&candidate);
+    if (candidate.size() > 1 && candidate.back() == '.') {
+      candidate.pop_back();
     }
   }
-  Status s = CheckName(name, first.offset);
+  Status s = CheckName(candidate, first.offset);
   if (!s.ok()) {
     return s;
   }
+  *name = std::move(candidate);
+  std::string shown = Printable(*name);
+  const char *printable = shown.c_str();
 
+  if (first.extent() > UINT32_MAX - first.xarBlocks()) {
+    return Fail(ISO9660_ERR_CORRUPT, "extent overflows: \"%s\"", printable);
+  }
+  uint32_t dataBlock = first.extent() + first.xarBlocks();
   uint64_t total = first.dataLength();
   uint32_t flags = 0;
-  uint32_t dataBlock = first.extent() + first.xarBlocks();
-  if (first.extent() > UINT32_MAX - first.xarBlocks()) {
-    return Fail(ISO9660_ERR_CORRUPT, "extent overflows: \"%s\"", Printable(name).c_str());
-  }
   if (first.flags() & kRecMultiExtent) {
     if (first.flags() & kRecDirectory) {
-      return Fail(ISO9660_ERR_CORRUPT, "multi-extent directory \"%s\"", Printable(name).c_str());
+      return Fail(ISO9660_ERR_CORRUPT, "multi-extent directory \"%s\"", printable);
     }
     flags |= ISO9660_ENTRY_MULTIEXTENT;
-    bool last = false;
-    for (uint32_t parts = 1; !last; ++parts) {
-      if (parts >= kMaxExtents) {
-        return Fail(ISO9660_ERR_LIMIT, "file \"%s\" has more than %u extents",
-                    Printable(name).c_str(), kMaxExtents);
+    std::vector<Iso9660File::Extent> parts{{dataBlock, first.dataLength()}};
+    for (bool last = false; !last;) {
+      if (parts.size() >= kMaxExtents) {
+        return Fail(ISO9660_ERR_LIMIT, "file \"%s\" has more than %u extents", printable,
+                    kMaxExtents);
       }
-      uint64_t before = dir->pos;
-      uint32_t recordsBefore = dir->records;
       Record part;
-      Status ps = NextRecord(vol, dir, &part);
+      Status ps = stream.Next(&part);
       if (!ps.ok()) {
         return ps;
       }
       if (part.len == 0 || part.rawName() != first.rawName() || (part.flags() & kRecDirectory)) {
         if (part.len != 0) {
-          dir->pos = before;  // let the next call see that record itself
-          dir->records = recordsBefore;
+          stream.Unread();  // that record is an entry of its own
         }
-        return Fail(ISO9660_ERR_CORRUPT, "multi-extent file \"%s\" lacks its last part",
-                    Printable(name).c_str());
+        return Fail(ISO9660_ERR_CORRUPT, "multi-extent file \"%s\" lacks its last part", printable);
       }
+      if (part.extent() > UINT32_MAX - part.xarBlocks()) {
+        return Fail(ISO9660_ERR_CORRUPT, "extent overflows: \"%s\"", printable);
+      }
+      parts.push_back({part.extent() + part.xarBlocks(), part.dataLength()});
       total += part.dataLength();
       last = !(part.flags() & kRecMultiExtent);
+    }
+    for (const Iso9660File::Extent &p : parts) {
+      if (!RangeInImage(vol, p.block, p.bytes)) {
+        return Fail(ISO9660_ERR_CORRUPT, "file extent beyond end of image: \"%s\" block %u",
+                    printable, p.block);
+      }
+    }
+    s = CheckPartsDisjoint(std::move(parts), *name);
+    if (!s.ok()) {
+      return s;
     }
   }
 
@@ -639,46 +921,123 @@ Status BuildEntry(Iso9660Volume &vol, Iso9660Dir *dir, const Record &first, Iso9
     }
   }
   if (flags & ISO9660_ENTRY_DIRECTORY) {
-    Status ds = CheckDirRef(vol, {dataBlock, static_cast<uint32_t>(total)}, name);
-    if (!ds.ok()) {
-      return ds;
-    }
-  } else if (!(flags & ISO9660_ENTRY_MULTIEXTENT) && !RangeInImage(vol, dataBlock, total)) {
-    return Fail(ISO9660_ERR_CORRUPT, "file extent beyond end of image: \"%s\" block %u",
-                Printable(name).c_str(), dataBlock);
-  }
-
-  memset(entry, 0, sizeof *entry);
-  memcpy(entry->name, name.data(), name.size());
-  entry->size64 = total;
-  entry->size = total > UINT32_MAX ? 0xFFFFFFFFu : static_cast<uint32_t>(total);
-  entry->flags = flags;
-  entry->extent = dataBlock;
-  entry->mode = useRr ? rr.mode : 0;
-  entry->recordOffset = first.offset;
-  return {};
-}
-
-// The next shown entry, or ISO9660_EOF.
-Status NextEntry(Iso9660Volume &vol, Iso9660Dir *dir, Iso9660DirEntry *entry) {
-  for (;;) {
-    Record rec;
-    Status s = NextRecord(vol, dir, &rec);
+    s = CheckDirRef(vol, {dataBlock, static_cast<uint32_t>(total)}, *name);
     if (!s.ok()) {
       return s;
     }
-    if (rec.len == 0) {
-      return Fail(ISO9660_EOF, "end of directory");
-    }
-    bool skip = false;
-    s = BuildEntry(vol, dir, rec, entry, &skip);
-    if (!s.ok() || !skip) {
-      return s;
-    }
+  } else if (!(flags & ISO9660_ENTRY_MULTIEXTENT) && !RangeInImage(vol, dataBlock, total)) {
+    return Fail(ISO9660_ERR_CORRUPT, "file extent beyond end of image: \"%s\" block %u", printable,
+                dataBlock);
   }
+  out->size64 = total;
+  out->flags = static_cast<uint16_t>(flags);
+  out->extent = dataBlock;
+  out->mode = useRr ? rr.mode : 0;
+  out->recordOffset = first.offset;
+  return {};
 }
 
-Status SplitPath(const char *path, std::vector<std::string> *parts) {
+// Parses every record of a directory once. Damage is reported and skipped;
+// only a failure to read the directory (or the volume's work running out)
+// fails the whole index.
+Status BuildIndex(Iso9660Volume &vol, const DirRef &ref, std::shared_ptr<DirIndex> *out) {
+  Status checked = CheckDirRef(vol, ref, "");
+  if (!checked.ok()) {
+    return checked;
+  }
+  if (ref.size > vol.workLeft) {
+    return Fail(ISO9660_ERR_LIMIT, "directory indexing of this volume over its limit at block %u",
+                ref.block);
+  }
+  vol.workLeft -= ref.size;
+  uint64_t suspBudget = std::min(kMaxDirSuspBytes, vol.workLeft);
+  const uint64_t suspStart = suspBudget;
+  auto index = std::make_shared<DirIndex>();
+  index->ref = ref;
+  RecordStream stream(vol, ref);
+  std::string name;
+  Status result;
+  for (;;) {
+    name.clear();
+    Record rec;
+    Status s = stream.Next(&rec);
+    IndexEntry entry;
+    bool skip = false;
+    if (s.ok()) {
+      if (rec.len == 0) {
+        break;
+      }
+      s = BuildEntry(vol, stream, rec, &suspBudget, &name, &entry, &skip);
+    }
+    if (s.code == ISO9660_ERR_IO) {
+      result = s;
+      break;
+    }
+    if (s.ok() && !skip && index->names.size() + name.size() > kMaxDirNameBytes) {
+      s = Fail(ISO9660_ERR_LIMIT, "names of directory at block %u over %zu bytes", ref.block,
+               kMaxDirNameBytes);
+      name.clear();
+    }
+    if (!s.ok()) {
+      index->damaged = true;
+      vol.damage.Report(s.message);
+      if (name.empty()) {
+        continue;
+      }
+      entry = IndexEntry{};
+      entry.flags = kEntryDamaged;
+      entry.mode = static_cast<uint32_t>(s.code);
+    } else if (skip) {
+      continue;
+    }
+    index->Add(name, entry);
+  }
+  vol.workLeft -= suspStart - suspBudget;
+  if (!result.ok()) {
+    return result;
+  }
+  index->Finish();
+  *out = std::move(index);
+  return {};
+}
+
+// The index of a directory, built on first use and kept until evicted.
+Status GetIndex(Iso9660Volume &vol, const DirRef &ref, std::shared_ptr<const DirIndex> *out) {
+  auto it = vol.indexes.find(ref.block);
+  if (it != vol.indexes.end()) {
+    if (it->second->ref.size != ref.size) {
+      // Two records disagree about one directory; the first one stands.
+      Report(&vol, Fail(ISO9660_ERR_CORRUPT, "directory at block %u recorded with sizes %u and %u",
+                        ref.block, it->second->ref.size, ref.size));
+    }
+    it->second->lastUse = ++vol.indexClock;
+    *out = it->second;
+    return {};
+  }
+  std::shared_ptr<DirIndex> index;
+  Status s = BuildIndex(vol, ref, &index);
+  if (!s.ok()) {
+    return s;
+  }
+  index->lastUse = ++vol.indexClock;
+  vol.indexBytes += index->Bytes();
+  vol.indexes.emplace(ref.block, index);
+  while (vol.indexBytes > kIndexBudgetBytes && vol.indexes.size() > 1) {
+    auto victim = vol.indexes.end();
+    for (auto i = vol.indexes.begin(); i != vol.indexes.end(); ++i) {
+      if (i->first != ref.block &&
+          (victim == vol.indexes.end() || i->second->lastUse < victim->second->lastUse)) {
+        victim = i;
+      }
+    }
+    vol.indexBytes -= victim->second->Bytes();
+    vol.indexes.erase(victim);  // open handles keep their own reference
+  }
+  *out = std::move(index);
+  return {};
+}
+
+Status SplitPath(const char *path, std::vector<std::string_view> *parts) {
   if (path == nullptr) {
     return Fail(ISO9660_ERR_INVALID_ARG, "null path");
   }
@@ -694,70 +1053,94 @@ Status SplitPath(const char *path, std::vector<std::string> *parts) {
       return Fail(ISO9660_ERR_INVALID_ARG, "bad path \"%s\"", Printable(path).c_str());
     }
     if (parts->size() >= kMaxPathDepth) {
-      return Fail(ISO9660_ERR_LIMIT, "path deeper than %zu levels: \"%s\"", kMaxPathDepth,
-                  Printable(path).c_str());
+      Status s = Fail(ISO9660_ERR_LIMIT, "path deeper than %zu levels: \"%s\"", kMaxPathDepth,
+                      Printable(path).c_str());
+      s.misuse = true;
+      return s;
     }
-    parts->emplace_back(part);
+    parts->push_back(part);
   }
   return {};
 }
 
-void RootEntry(const Iso9660Volume &vol, Iso9660DirEntry *entry) {
-  memset(entry, 0, sizeof *entry);
-  DirRef root = vol.root();
-  entry->size = root.size;
-  entry->size64 = root.size;
-  entry->flags = ISO9660_ENTRY_DIRECTORY;
-  entry->extent = root.block;
-  entry->mode = vol.format == ISO9660_FORMAT_ROCKRIDGE ? vol.rootMode : 0;
-  entry->recordOffset = vol.rootRecordOffset();
+// What a path names: an entry of its parent's index, or the root.
+struct Located {
+  std::shared_ptr<const DirIndex> parent;  // keeps name alive; null for the root
+  IndexEntry entry;
+  std::string_view name;
+};
+
+Located RootLocated(const Iso9660Volume &vol) {
+  Located root;
+  root.entry.size64 = vol.root().size;
+  root.entry.flags = ISO9660_ENTRY_DIRECTORY;
+  root.entry.extent = vol.root().block;
+  root.entry.mode = vol.format == ISO9660_FORMAT_ROCKRIDGE ? vol.rootMode : 0;
+  root.entry.recordOffset = vol.rootRecordOffset();
+  return root;
 }
 
-// Walks the directory extents from the root. A directory met again below
-// itself is a loop in the image.
-Status LookupPath(Iso9660Volume &vol, const char *path, Iso9660DirEntry *entry) {
-  std::vector<std::string> parts;
+DirRef RefOf(const IndexEntry &e) {
+  return {e.extent, static_cast<uint32_t>(e.size64)};
+}
+
+// A found entry that was damaged: already reported when its directory was
+// indexed.
+Status DamagedEntry(const IndexEntry &e) {
+  return (e.flags & kEntryDamaged) ? Quiet(static_cast<Iso9660Result>(e.mode)) : Status{};
+}
+
+// Walks the path through the directory indexes from the root. A directory
+// met again below itself is a loop in the image.
+Status LookupPath(Iso9660Volume &vol, const char *path, Located *out) {
+  std::vector<std::string_view> parts;
   Status s = SplitPath(path, &parts);
   if (!s.ok()) {
     return s;
   }
-  RootEntry(vol, entry);
-  std::vector<uint32_t> ancestors{entry->extent};
-  for (const std::string &part : parts) {
-    if (!(entry->flags & ISO9660_ENTRY_DIRECTORY)) {
-      return Fail(ISO9660_ERR_NOT_FOUND, "not a directory in \"%s\"", Printable(path).c_str());
+  Located cur = RootLocated(vol);
+  std::vector<uint32_t> ancestors{cur.entry.extent};
+  for (std::string_view part : parts) {
+    if (!(cur.entry.flags & ISO9660_ENTRY_DIRECTORY)) {
+      return Quiet(ISO9660_ERR_NOT_FOUND);
     }
-    Iso9660Dir dir;
-    dir.ref = {entry->extent, static_cast<uint32_t>(entry->size64)};
-    Status firstError;
-    bool found = false;
-    while (!found) {
-      Status es = NextEntry(vol, &dir, entry);
-      if (es.code == ISO9660_EOF) {
-        break;
-      }
-      if (!es.ok()) {
-        // Another entry may still be the one we want.
-        if (firstError.ok()) {
-          firstError = es;
-        }
-        continue;
-      }
-      found = part == entry->name;
+    std::shared_ptr<const DirIndex> index;
+    s = GetIndex(vol, RefOf(cur.entry), &index);
+    if (!s.ok()) {
+      return s;
     }
-    if (!found) {
-      return firstError.ok() ? Fail(ISO9660_ERR_NOT_FOUND, "no \"%s\"", Printable(path).c_str())
-                             : firstError;
+    const IndexEntry *e = index->Find(part, false);
+    if (e == nullptr) {
+      return Quiet(ISO9660_ERR_NOT_FOUND);
     }
-    if (entry->flags & ISO9660_ENTRY_DIRECTORY) {
-      if (std::find(ancestors.begin(), ancestors.end(), entry->extent) != ancestors.end()) {
+    s = DamagedEntry(*e);
+    if (!s.ok()) {
+      return s;
+    }
+    cur.entry = *e;
+    cur.name = index->Name(*e);
+    cur.parent = std::move(index);
+    if (cur.entry.flags & ISO9660_ENTRY_DIRECTORY) {
+      if (std::find(ancestors.begin(), ancestors.end(), cur.entry.extent) != ancestors.end()) {
         return Fail(ISO9660_ERR_CORRUPT, "directory loop at \"%s\" (block %u)",
-                    Printable(path).c_str(), entry->extent);
+                    Printable(path).c_str(), cur.entry.extent);
       }
-      ancestors.push_back(entry->extent);
+      ancestors.push_back(cur.entry.extent);
     }
   }
+  *out = std::move(cur);
   return {};
+}
+
+void FillEntry(std::string_view name, const IndexEntry &e, Iso9660DirEntry *entry) {
+  std::copy(name.begin(), name.end(), entry->name);
+  entry->name[name.size()] = '\0';
+  entry->size64 = e.size64;
+  entry->size = e.size64 > UINT32_MAX ? 0xFFFFFFFFu : static_cast<uint32_t>(e.size64);
+  entry->flags = e.flags;
+  entry->extent = e.extent;
+  entry->mode = e.mode;
+  entry->recordOffset = e.recordOffset;
 }
 
 // Reads the descriptors from block 16 to the terminator and the root's "."
@@ -820,6 +1203,8 @@ Status Mount(Iso9660Volume &vol, uint32_t requested) {
   if (!havePvd) {
     return Fail(ISO9660_ERR_NOT_ISO, "no primary volume descriptor");
   }
+  vol.workLeft =
+      std::max(kMinIndexWork, kIndexWorkPerVolumeByte * uint64_t{vol.volumeBlocks} * kBlockSize);
   Status s = CheckDirRef(vol, vol.pvdRoot, "/");
   if (!s.ok()) {
     return s;
@@ -830,7 +1215,7 @@ Status Mount(Iso9660Volume &vol, uint32_t requested) {
     if (js.ok()) {
       vol.formats |= ISO9660_FORMAT_JOLIET;
     } else {
-      Log("ISO9660: Joliet names not used: %s\n", js.message.c_str());
+      vol.damage.Report("Joliet names not used: " + js.message);
     }
   }
 
@@ -844,9 +1229,12 @@ Status Mount(Iso9660Volume &vol, uint32_t requested) {
                 vol.pvdRoot.block);
   }
   RrInfo rr;
-  Status rs = ParseSusp(vol, dot, true, &rr);
+  Status rs = ParseSusp(vol, dot, true, &rr, nullptr);
+  if (rs.code == ISO9660_ERR_IO) {
+    return rs;
+  }
   if (!rs.ok()) {
-    Log("ISO9660: Rock Ridge names not used: %s\n", rs.message.c_str());
+    vol.damage.Report("Rock Ridge names not used: " + rs.message);
   } else if (rr.sp && rr.rrSeen) {
     vol.formats |= ISO9660_FORMAT_ROCKRIDGE;
     vol.suspSkip = rr.spSkip;
@@ -863,24 +1251,30 @@ Status Mount(Iso9660Volume &vol, uint32_t requested) {
   return {};
 }
 
-Status OpenVolume(std::unique_ptr<gp::ImageReader> reader, uint32_t format,
-                  Iso9660Volume **volume) {
-  if (volume == nullptr) {
-    return Fail(ISO9660_ERR_INVALID_ARG, "null volume pointer");
-  }
-  *volume = nullptr;
-  if (!reader) {
-    return Fail(ISO9660_ERR_INVALID_ARG, "no image reader");
-  }
-  auto vol = std::make_unique<Iso9660Volume>();
+// Opens a volume; the reason a failed open gives is reported here: an image
+// that is not ISO 9660 at all is an ordinary answer for a prober (the
+// caller's reporter keeps it; without one it is logged verbosely only), a
+// broken one is damage.
+Iso9660Result OpenVolume(std::unique_ptr<gp::ImageReader> reader, uint32_t format,
+                         gp::DamageReporter *reporter, std::string_view where,
+                         Iso9660Volume **volume) {
+  auto vol = std::make_unique<Iso9660Volume>(reporter);
   vol->imageSize = reader->Size();
   vol->reader = std::move(reader);
   Status s = Mount(*vol, format);
   if (!s.ok()) {
-    return s;
+    s.message += where;
+    if (s.code != ISO9660_ERR_NOT_ISO) {
+      vol->damage.Report(s.message);
+    } else if (reporter != nullptr) {
+      reporter->Damage(s.message);
+    } else {
+      Log_Level(LOG_LEVEL_VERBOSE, "ISO9660: %s\n", s.message.c_str());
+    }
+    return s.code;
   }
   *volume = vol.release();
-  return {};
+  return ISO9660_OK;
 }
 
 // Caller callbacks whose handle passes to the volume only once it opens: a
@@ -924,10 +1318,12 @@ Status CollectExtents(Iso9660Volume &vol, const Iso9660DirEntry &entry, Iso9660F
   std::string_view firstName;
   Record first;
   uint64_t total = 0;
+  std::string_view rawName(entry.name, strnlen(entry.name, sizeof entry.name));
+  std::string shown = Printable(rawName);
+  const char *name = shown.c_str();
   for (uint32_t steps = 0;; ++steps) {
     if (steps > 2 * kMaxExtents) {
-      return Fail(ISO9660_ERR_LIMIT, "file \"%s\" has more than %u extents",
-                  Printable(entry.name).c_str(), kMaxExtents);
+      return Fail(ISO9660_ERR_LIMIT, "file \"%s\" has more than %u extents", name, kMaxExtents);
     }
     Record rec;
     Status s = ReadRecordAt(vol, offset, &rec);
@@ -943,25 +1339,22 @@ Status CollectExtents(Iso9660Volume &vol, const Iso9660DirEntry &entry, Iso9660F
       firstName = first.rawName();
       if ((rec.flags() & kRecDirectory) || rec.extent() + rec.xarBlocks() != entry.extent) {
         return Fail(ISO9660_ERR_INVALID_ARG, "entry \"%s\" does not describe a file of this volume",
-                    Printable(entry.name).c_str());
+                    name);
       }
     } else if (rec.rawName() != firstName || (rec.flags() & kRecDirectory)) {
-      return Fail(ISO9660_ERR_CORRUPT, "multi-extent file \"%s\" lacks its last part",
-                  Printable(entry.name).c_str());
+      return Fail(ISO9660_ERR_CORRUPT, "multi-extent file \"%s\" lacks its last part", name);
     }
     if (rec.interleaved()) {
-      return Fail(ISO9660_ERR_CORRUPT, "interleaved file \"%s\" is not supported",
-                  Printable(entry.name).c_str());
+      return Fail(ISO9660_ERR_CORRUPT, "interleaved file \"%s\" is not supported", name);
     }
     if (file->extents.size() >= kMaxExtents) {
-      return Fail(ISO9660_ERR_LIMIT, "file \"%s\" has more than %u extents",
-                  Printable(entry.name).c_str(), kMaxExtents);
+      return Fail(ISO9660_ERR_LIMIT, "file \"%s\" has more than %u extents", name, kMaxExtents);
     }
     uint32_t block = rec.extent() + rec.xarBlocks();
     if (rec.extent() > UINT32_MAX - rec.xarBlocks() ||
         !RangeInImage(vol, block, rec.dataLength())) {
-      return Fail(ISO9660_ERR_CORRUPT, "file extent beyond end of image: \"%s\" block %u",
-                  Printable(entry.name).c_str(), rec.extent());
+      return Fail(ISO9660_ERR_CORRUPT, "file extent beyond end of image: \"%s\" block %u", name,
+                  rec.extent());
     }
     file->extents.push_back({block, rec.dataLength()});
     total += rec.dataLength();
@@ -972,10 +1365,10 @@ Status CollectExtents(Iso9660Volume &vol, const Iso9660DirEntry &entry, Iso9660F
   }
   if (total != entry.size64) {
     return Fail(ISO9660_ERR_INVALID_ARG, "entry \"%s\" does not describe a file of this volume",
-                Printable(entry.name).c_str());
+                name);
   }
   file->size = total;
-  return {};
+  return CheckPartsDisjoint(file->extents, rawName);
 }
 
 // Copies [offset, offset + len) of the file's data into buf.
@@ -993,7 +1386,7 @@ Status ReadFileRange(Iso9660Volume &vol, const Iso9660File &file, uint64_t offse
       uint64_t at = static_cast<uint64_t>(ext.block) * kBlockSize + in;
       if (!vol.reader->ReadAt(at, buf, n)) {
         return Fail(ISO9660_ERR_IO, "cannot read %zu bytes of file data at offset %llu", n,
-                    static_cast<unsigned long long>(at));
+                    U64(at));
       }
       buf += n;
       offset += n;
@@ -1006,124 +1399,6 @@ Status ReadFileRange(Iso9660Volume &vol, const Iso9660File &file, uint64_t offse
   }
   return {};
 }
-
-}  // namespace
-
-Iso9660Result Iso9660_ListFormats(const char *path, uint32_t *formats) {
-  if (formats == nullptr) {
-    return Report(Fail(ISO9660_ERR_INVALID_ARG, "null formats pointer"));
-  }
-  *formats = 0;
-  Iso9660Volume *vol = nullptr;
-  Iso9660Result rc = Iso9660_Open(path, ISO9660_FORMAT_ISO, &vol);
-  if (rc != ISO9660_OK) {
-    return rc;
-  }
-  *formats = vol->formats;
-  return Iso9660_Close(vol);
-}
-
-Iso9660Result Iso9660_Open(const char *path, uint32_t format, Iso9660Volume **volume) {
-  if (volume != nullptr) {
-    *volume = nullptr;
-  }
-  if (path == nullptr || volume == nullptr) {
-    return Report(Fail(ISO9660_ERR_INVALID_ARG, "null path or volume pointer"));
-  }
-  std::string error;
-  std::unique_ptr<gp::ImageReader> reader = gp::OpenFileImageReader(path, &error);
-  if (!reader) {
-    return Report(Fail(ISO9660_ERR_IO, "cannot open image \"%s\": %s", path, error.c_str()));
-  }
-  Status s = OpenVolume(std::move(reader), format, volume);
-  if (!s.ok()) {
-    s.message += " in \"" + Printable(path) + "\"";
-  }
-  return Report(s);
-}
-
-Iso9660Result Iso9660_OpenWithReader(gp::ImageReadFn readFn, gp::ImageCloseFn closeFn, void *handle,
-                                     uint64_t size, uint32_t format, Iso9660Volume **volume) {
-  if (volume != nullptr) {
-    *volume = nullptr;
-  }
-  if (readFn == nullptr || volume == nullptr) {
-    return Report(Fail(ISO9660_ERR_INVALID_ARG, "null read callback or volume pointer"));
-  }
-  auto reader = std::make_unique<HandedOverReader>(
-      readFn, closeFn, handle, size == 0 ? gp::ImageReader::kUnknownSize : size);
-  HandedOverReader *raw = reader.get();
-  Status s = OpenVolume(std::move(reader), format, volume);
-  if (s.ok()) {
-    raw->TakeOwnership();
-  }
-  return Report(s);
-}
-
-Iso9660Result Iso9660_OpenReader(std::unique_ptr<gp::ImageReader> reader, uint32_t format,
-                                 Iso9660Volume **volume) {
-  return Report(OpenVolume(std::move(reader), format, volume));
-}
-
-Iso9660Result Iso9660_Close(Iso9660Volume *volume) {
-  Status s = CheckVolume(volume);
-  if (!s.ok()) {
-    return Report(s);
-  }
-  if (volume->openHandles != 0) {
-    Log("ISO9660: volume closed with %d directory or file handles still open\n",
-        volume->openHandles);
-  }
-  bool closed = volume->reader->Close();
-  delete volume;
-  return closed ? ISO9660_OK : Report(Fail(ISO9660_ERR_IO, "closing the image failed"));
-}
-
-Iso9660Result Iso9660_GetVolumeId(Iso9660Volume *volume, char **volumeId) {
-  if (volumeId == nullptr) {
-    return Report(Fail(ISO9660_ERR_INVALID_ARG, "null volume id pointer"));
-  }
-  *volumeId = nullptr;
-  Status s = CheckVolume(volume);
-  if (!s.ok()) {
-    return Report(s);
-  }
-  *volumeId = UtilSafeStrdup0(volume->volumeId.c_str());
-  return ISO9660_OK;
-}
-
-Iso9660Result Iso9660_OpenDir(Iso9660Volume *volume, const char *path, Iso9660Dir **dir) {
-  if (dir == nullptr) {
-    return Report(Fail(ISO9660_ERR_INVALID_ARG, "null directory pointer"));
-  }
-  *dir = nullptr;
-  Status s = CheckVolume(volume);
-  if (!s.ok()) {
-    return Report(s);
-  }
-  Iso9660DirEntry entry;
-  s = LookupPath(*volume, path, &entry);
-  if (!s.ok()) {
-    return Report(s);
-  }
-  if (!(entry.flags & ISO9660_ENTRY_DIRECTORY)) {
-    return Report(
-        Fail(ISO9660_ERR_INVALID_ARG, "not a directory: \"%s\"", Printable(path).c_str()));
-  }
-  DirRef ref{entry.extent, static_cast<uint32_t>(entry.size64)};
-  s = CheckDirRef(*volume, ref, path);
-  if (!s.ok()) {
-    return Report(s);
-  }
-  auto *d = new Iso9660Dir;
-  d->owner = volume;
-  d->ref = ref;
-  ++volume->openHandles;
-  *dir = d;
-  return ISO9660_OK;
-}
-
-namespace {
 
 Status CheckDir(const Iso9660Volume *volume, const Iso9660Dir *dir) {
   Status s = CheckVolume(volume);
@@ -1149,41 +1424,191 @@ Status CheckFile(const Iso9660Volume *volume, const Iso9660File *file) {
 
 }  // namespace
 
+Iso9660Result Iso9660_ListFormats(const char *path, uint32_t *formats) {
+  if (formats == nullptr) {
+    return Report(nullptr, Fail(ISO9660_ERR_INVALID_ARG, "null formats pointer"));
+  }
+  *formats = 0;
+  Iso9660Volume *vol = nullptr;
+  Iso9660Result rc = Iso9660_Open(path, ISO9660_FORMAT_ISO, &vol);
+  if (rc != ISO9660_OK) {
+    return rc;
+  }
+  *formats = vol->formats;
+  return Iso9660_Close(vol);
+}
+
+Iso9660Result Iso9660_Open(const char *path, uint32_t format, Iso9660Volume **volume) {
+  if (volume != nullptr) {
+    *volume = nullptr;
+  }
+  if (path == nullptr || volume == nullptr) {
+    return Report(nullptr, Fail(ISO9660_ERR_INVALID_ARG, "null path or volume pointer"));
+  }
+  std::string error;
+  std::unique_ptr<gp::ImageReader> reader = gp::OpenFileImageReader(path, &error);
+  if (!reader) {
+    return Report(nullptr,
+                  Fail(ISO9660_ERR_IO, "cannot open image \"%s\": %s", path, error.c_str()));
+  }
+  return OpenVolume(std::move(reader), format, nullptr, " in \"" + Printable(path) + "\"", volume);
+}
+
+Iso9660Result Iso9660_OpenWithReader(gp::ImageReadFn readFn, gp::ImageCloseFn closeFn, void *handle,
+                                     uint64_t size, uint32_t format, Iso9660Volume **volume) {
+  if (volume != nullptr) {
+    *volume = nullptr;
+  }
+  if (readFn == nullptr || volume == nullptr) {
+    return Report(nullptr, Fail(ISO9660_ERR_INVALID_ARG, "null read callback or volume pointer"));
+  }
+  auto reader = std::make_unique<HandedOverReader>(
+      readFn, closeFn, handle, size == 0 ? gp::ImageReader::kUnknownSize : size);
+  HandedOverReader *raw = reader.get();
+  Iso9660Result rc = OpenVolume(std::move(reader), format, nullptr, "", volume);
+  if (rc == ISO9660_OK) {
+    raw->TakeOwnership();
+  }
+  return rc;
+}
+
+Iso9660Result Iso9660_OpenReader(std::unique_ptr<gp::ImageReader> reader, uint32_t format,
+                                 Iso9660Volume **volume, gp::DamageReporter *reporter) {
+  if (volume != nullptr) {
+    *volume = nullptr;
+  }
+  if (volume == nullptr || !reader) {
+    return Report(nullptr, Fail(ISO9660_ERR_INVALID_ARG, "null volume pointer or image reader"));
+  }
+  return OpenVolume(std::move(reader), format, reporter, "", volume);
+}
+
+Iso9660Result Iso9660_Close(Iso9660Volume *volume) {
+  Status s = CheckVolume(volume);
+  if (!s.ok()) {
+    return Report(nullptr, s);
+  }
+  if (volume->openHandles != 0) {
+    Log("ISO9660: volume closed with %d directory or file handles still open\n",
+        volume->openHandles);
+  }
+  Iso9660Result rc = volume->reader->Close()
+                         ? ISO9660_OK
+                         : Report(volume, Fail(ISO9660_ERR_IO, "closing the image failed"));
+  delete volume;
+  return rc;
+}
+
+Iso9660Result Iso9660_GetVolumeId(Iso9660Volume *volume, char **volumeId) {
+  if (volumeId == nullptr) {
+    return Report(nullptr, Fail(ISO9660_ERR_INVALID_ARG, "null volume id pointer"));
+  }
+  *volumeId = nullptr;
+  Status s = CheckVolume(volume);
+  if (!s.ok()) {
+    return Report(nullptr, s);
+  }
+  *volumeId = UtilSafeStrdup0(volume->volumeId.c_str());
+  return ISO9660_OK;
+}
+
+Iso9660Result Iso9660_OpenDir(Iso9660Volume *volume, const char *path, Iso9660Dir **dir) {
+  if (dir == nullptr) {
+    return Report(nullptr, Fail(ISO9660_ERR_INVALID_ARG, "null directory pointer"));
+  }
+  *dir = nullptr;
+  Status s = CheckVolume(volume);
+  if (!s.ok()) {
+    return Report(nullptr, s);
+  }
+  Located found;
+  s = LookupPath(*volume, path, &found);
+  if (s.ok() && !(found.entry.flags & ISO9660_ENTRY_DIRECTORY)) {
+    s = Quiet(ISO9660_ERR_INVALID_ARG);  // a probe for a directory that is a file
+  }
+  std::shared_ptr<const DirIndex> index;
+  if (s.ok()) {
+    s = GetIndex(*volume, RefOf(found.entry), &index);
+  }
+  if (!s.ok()) {
+    return Report(volume, s);
+  }
+  auto *d = new Iso9660Dir;
+  d->owner = volume;
+  d->index = std::move(index);
+  ++volume->openHandles;
+  *dir = d;
+  return ISO9660_OK;
+}
+
 Iso9660Result Iso9660_ReadDir(Iso9660Volume *volume, Iso9660Dir *dir, Iso9660DirEntry *entry) {
   Status s = CheckDir(volume, dir);
   if (s.ok() && entry == nullptr) {
     s = Fail(ISO9660_ERR_INVALID_ARG, "null entry");
   }
   if (!s.ok()) {
-    return Report(s);
+    return Report(nullptr, s);
   }
-  return Report(NextEntry(*volume, dir, entry));
+  const DirIndex &index = *dir->index;
+  while (dir->pos < index.entries.size()) {
+    const IndexEntry &e = index.entries[dir->pos++];
+    if (!(e.flags & kEntryDamaged)) {
+      FillEntry(index.Name(e), e, entry);
+      return ISO9660_OK;
+    }
+  }
+  if (index.damaged && !dir->damageTold) {
+    dir->damageTold = true;  // reported when the directory was indexed
+    return ISO9660_ERR_CORRUPT;
+  }
+  return ISO9660_EOF;
 }
 
 Iso9660Result Iso9660_RewindDir(Iso9660Volume *volume, Iso9660Dir *dir) {
   Status s = CheckDir(volume, dir);
   if (!s.ok()) {
-    return Report(s);
+    return Report(nullptr, s);
   }
   dir->pos = 0;
-  dir->records = 0;
+  dir->damageTold = false;
   return ISO9660_OK;
 }
 
 Iso9660Result Iso9660_CloseDir(Iso9660Volume *volume, Iso9660Dir *dir) {
   Status s = CheckDir(volume, dir);
   if (!s.ok()) {
-    return Report(s);
+    return Report(nullptr, s);
   }
   --volume->openHandles;
   delete dir;
   return ISO9660_OK;
 }
 
+Iso9660Result Iso9660_Lookup(Iso9660Volume *volume, Iso9660Dir *dir, const char *name,
+                             bool ignoreCase, Iso9660DirEntry *entry) {
+  Status s = CheckDir(volume, dir);
+  if (s.ok() && (name == nullptr || entry == nullptr)) {
+    s = Fail(ISO9660_ERR_INVALID_ARG, "null name or entry");
+  }
+  if (!s.ok()) {
+    return Report(nullptr, s);
+  }
+  const IndexEntry *e = dir->index->Find(name, ignoreCase);
+  if (e == nullptr) {
+    return ISO9660_ERR_NOT_FOUND;
+  }
+  s = DamagedEntry(*e);
+  if (!s.ok()) {
+    return s.code;
+  }
+  FillEntry(dir->index->Name(*e), *e, entry);
+  return ISO9660_OK;
+}
+
 Iso9660Result Iso9660_OpenFile(Iso9660Volume *volume, const Iso9660DirEntry *entry,
                                Iso9660File **file) {
   if (file == nullptr) {
-    return Report(Fail(ISO9660_ERR_INVALID_ARG, "null file pointer"));
+    return Report(nullptr, Fail(ISO9660_ERR_INVALID_ARG, "null file pointer"));
   }
   *file = nullptr;
   Status s = CheckVolume(volume);
@@ -1196,13 +1621,13 @@ Iso9660Result Iso9660_OpenFile(Iso9660Volume *volume, const Iso9660DirEntry *ent
         Printable(std::string_view(entry->name, strnlen(entry->name, sizeof entry->name))).c_str());
   }
   if (!s.ok()) {
-    return Report(s);
+    return Report(nullptr, s);
   }
   auto f = std::make_unique<Iso9660File>();
   f->owner = volume;
   s = CollectExtents(*volume, *entry, f.get());
   if (!s.ok()) {
-    return Report(s);
+    return Report(volume, s);
   }
   ++volume->openHandles;
   *file = f.release();
@@ -1216,7 +1641,7 @@ Iso9660Result Iso9660_ReadFile(Iso9660Volume *volume, Iso9660File *file, void *b
     s = Fail(ISO9660_ERR_INVALID_ARG, "null length");
   }
   if (!s.ok()) {
-    return Report(s);
+    return Report(nullptr, s);
   }
   uint32_t capacity = *length;
   *length = 0;
@@ -1224,12 +1649,12 @@ Iso9660Result Iso9660_ReadFile(Iso9660Volume *volume, Iso9660File *file, void *b
     return ISO9660_EOF;
   }
   if (buffer == nullptr || capacity == 0) {
-    return Report(Fail(ISO9660_ERR_INVALID_ARG, "no room to read into"));
+    return Report(nullptr, Fail(ISO9660_ERR_INVALID_ARG, "no room to read into"));
   }
   uint32_t n = static_cast<uint32_t>(std::min<uint64_t>(capacity, file->size - file->pos));
   s = ReadFileRange(*volume, *file, file->pos, static_cast<uint8_t *>(buffer), n);
   if (!s.ok()) {
-    return Report(s);
+    return Report(volume, s);
   }
   file->pos += n;
   *length = n;
@@ -1243,18 +1668,19 @@ Iso9660Result Iso9660_PReadFile(Iso9660Volume *volume, Iso9660File *file, void *
     s = Fail(ISO9660_ERR_INVALID_ARG, "null buffer");
   }
   if (!s.ok()) {
-    return Report(s);
+    return Report(nullptr, s);
   }
   if (offset > file->size || length > file->size - offset) {
     return ISO9660_EOF;
   }
-  return Report(ReadFileRange(*volume, *file, offset, static_cast<uint8_t *>(buffer), length));
+  return Report(volume,
+                ReadFileRange(*volume, *file, offset, static_cast<uint8_t *>(buffer), length));
 }
 
 Iso9660Result Iso9660_CloseFile(Iso9660Volume *volume, Iso9660File *file) {
   Status s = CheckFile(volume, file);
   if (!s.ok()) {
-    return Report(s);
+    return Report(nullptr, s);
   }
   --volume->openHandles;
   delete file;
@@ -1267,9 +1693,15 @@ Iso9660Result Iso9660_Stat(Iso9660Volume *volume, const char *path, Iso9660DirEn
     s = Fail(ISO9660_ERR_INVALID_ARG, "null entry");
   }
   if (!s.ok()) {
-    return Report(s);
+    return Report(nullptr, s);
   }
-  return Report(LookupPath(*volume, path, entry));
+  Located found;
+  s = LookupPath(*volume, path, &found);
+  if (!s.ok()) {
+    return Report(volume, s);
+  }
+  FillEntry(found.name, found.entry, entry);
+  return ISO9660_OK;
 }
 
 const char *Iso9660_ResultString(Iso9660Result result) {

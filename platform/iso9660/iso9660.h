@@ -4,8 +4,22 @@
  *
  * All results are Iso9660Result codes: ISO9660_OK (0) on success,
  * ISO9660_EOF (5) at the end of a directory or a file, anything else a
- * failure. A corrupt or hostile image gives a failure code and one log line,
- * never a crash, a hang or unbounded memory.
+ * failure. A corrupt or hostile image never causes a crash, a hang or
+ * unbounded memory or reads: each directory is parsed once into an index
+ * that later walks, listings and lookups share, and the work and memory of
+ * a volume are bounded whatever its records say.
+ *
+ * Damage: a record the reader cannot use (bad length, name or system use
+ * data, an extent past the end of the image, a broken or self-overlapping
+ * multi-extent file, a loop, a limit met) is left out of its directory and
+ * the records after it are still read, so listings and lookups see every
+ * good entry wherever the bad one sits. Each volume hands at most one damage
+ * report (the first) to its gp::DamageReporter, or logs it as one line
+ * "ISO9660: <what>" when it has none; I/O errors and the reason a broken
+ * image fails to open count as damage too. An image that is not ISO 9660 at
+ * all goes to the caller's reporter when there is one and is otherwise
+ * logged at LOG_LEVEL_VERBOSE only. "Not found" and the end of a listing are
+ * answers and stay silent; a caller's mistakes (null handles) are logged.
  *
  * Names: with Rock Ridge the NM name is used, else with Joliet the UCS-2
  * name (as UTF-8), else the primary name with its ";1" version and a
@@ -13,7 +27,7 @@
  * are the root. Path components are matched exactly (case-sensitively).
  *
  * Entries whose name is unusable ("", ".", "..", a "/" or a NUL in it) are
- * refused as ISO9660_ERR_CORRUPT, never handed out.
+ * damage: never handed out.
  *
  * A volume and its directory and file handles are used by one thread at a
  * time. Every handle must be closed before its volume.
@@ -90,9 +104,12 @@ Iso9660Result Iso9660_Open(const char *path, uint32_t format, Iso9660Volume **vo
 Iso9660Result Iso9660_OpenWithReader(gp::ImageReadFn readFn, gp::ImageCloseFn closeFn, void *handle,
                                      uint64_t size, uint32_t format, Iso9660Volume **volume);
 
-/* The same over any reader (tests, benchmarks, fuzzers). */
+/* The same over any reader (tests, benchmarks, fuzzers, detection). The
+ * volume's damage, and the reason a failed open gives, go to reporter (at
+ * most one report per volume) instead of the log; reporter must outlive the
+ * volume. */
 Iso9660Result Iso9660_OpenReader(std::unique_ptr<gp::ImageReader> reader, uint32_t format,
-                                 Iso9660Volume **volume);
+                                 Iso9660Volume **volume, gp::DamageReporter *reporter = nullptr);
 
 /* Closes the volume and its reader; the result of the reader's close. */
 Iso9660Result Iso9660_Close(Iso9660Volume *volume);
@@ -102,13 +119,25 @@ Iso9660Result Iso9660_GetVolumeId(Iso9660Volume *volume, char **volumeId);
 
 Iso9660Result Iso9660_OpenDir(Iso9660Volume *volume, const char *path, Iso9660Dir **dir);
 /* Stores the next entry ("." and ".." are skipped); ISO9660_EOF at the end.
- * A failed call has moved past the bad entry (or, when a record's length is
- * broken, to the next sector), so a caller may go on listing. */
+ * When records of the directory were damaged (left out, and reported once),
+ * the call after the last good entry gives ISO9660_ERR_CORRUPT, the next
+ * ISO9660_EOF: a caller copying the whole directory learns it is
+ * incomplete. */
 Iso9660Result Iso9660_ReadDir(Iso9660Volume *volume, Iso9660Dir *dir, Iso9660DirEntry *entry);
 Iso9660Result Iso9660_RewindDir(Iso9660Volume *volume, Iso9660Dir *dir);
 Iso9660Result Iso9660_CloseDir(Iso9660Volume *volume, Iso9660Dir *dir);
 
-/* Opens the file an entry from Iso9660_ReadDir describes (not a directory). */
+/* Looks one name up in an open directory through its index, without moving
+ * the directory's listing position; ignoreCase compares ASCII letters
+ * caselessly. When several entries match, a good one before a damaged one,
+ * then the first in the directory. ISO9660_ERR_NOT_FOUND (silently) when
+ * absent; when only a damaged entry has the name, what was wrong with it
+ * (ISO9660_ERR_CORRUPT, ISO9660_ERR_LIMIT), already reported. */
+Iso9660Result Iso9660_Lookup(Iso9660Volume *volume, Iso9660Dir *dir, const char *name,
+                             bool ignoreCase, Iso9660DirEntry *entry);
+
+/* Opens the file an entry from Iso9660_ReadDir, Iso9660_Lookup or
+ * Iso9660_Stat describes (not a directory). */
 Iso9660Result Iso9660_OpenFile(Iso9660Volume *volume, const Iso9660DirEntry *entry,
                                Iso9660File **file);
 /* *length holds the buffer's capacity on entry and the bytes delivered on
@@ -122,8 +151,9 @@ Iso9660Result Iso9660_PReadFile(Iso9660Volume *volume, Iso9660File *file, void *
 Iso9660Result Iso9660_CloseFile(Iso9660Volume *volume, Iso9660File *file);
 
 /* Looks a path up; fills *entry (the root gives a directory entry named "").
- * Directories are found by walking their extents from the root; a
- * directory met again below itself is ISO9660_ERR_CORRUPT. */
+ * Directories are found by walking their indexes from the root; a
+ * directory met again below itself is ISO9660_ERR_CORRUPT, and so is a path
+ * through a damaged entry. */
 Iso9660Result Iso9660_Stat(Iso9660Volume *volume, const char *path, Iso9660DirEntry *entry);
 
 /* Copies the file at path in the image into the host directory hostDir under
@@ -132,9 +162,10 @@ Iso9660Result Iso9660_Stat(Iso9660Volume *volume, const char *path, Iso9660DirEn
  * written outside hostDir: hostile names ("..", names with "/" or NUL,
  * duplicates), symlink and special entries, and a host entry that is not a
  * regular file where an image file goes fail the whole call with
- * ISO9660_ERR_UNSAFE; host links are never followed. On failure nothing the
- * call wrote is left in place, except after a host failure during the final
- * renames. */
+ * ISO9660_ERR_UNSAFE; host links are never followed. A directory with
+ * damaged records fails the call (ISO9660_ERR_CORRUPT) rather than giving a
+ * partial copy. On failure nothing the call wrote is left in place, except
+ * after a host failure during the final renames. */
 Iso9660Result Iso9660_Extract(Iso9660Volume *volume, const char *path, const char *hostDir);
 
 /* Copies one file of the image to the host file hostPath (replaced

@@ -53,14 +53,7 @@ bool HasTempResidue(const fs::path &root) {
   return false;
 }
 
-// Test parameters print as their label, not as a byte dump.
-template <typename T>
-requires requires(const T &t) {
-  t.label;
-}
-void PrintTo(const T &param, std::ostream *os) {
-  *os << param.label;
-}
+using testing_support::PrintTo;  // parameters print as their label
 
 class Iso9660ExtractTest : public ::testing::Test {
  protected:
@@ -163,45 +156,6 @@ TEST_F(Iso9660ExtractTest, ReExtractionReplacesEarlierRun) {
   EXPECT_FALSE(HasTempResidue(out()));
 }
 
-struct HostTrap {
-  const char *label;
-  const char *imagePath;  // what is extracted
-  const char *planted;    // name below out/ that is planted
-  enum { kLinkToFile, kLinkToDir, kDirectory } kind;
-};
-
-class Iso9660ExtractHostTrapTest : public Iso9660ExtractTest,
-                                   public ::testing::WithParamInterface<HostTrap> {};
-
-// A host entry in the place of an image entry is never followed or replaced.
-TEST_P(Iso9660ExtractHostTrapTest, RefusedAndOutsideUntouched) {
-  const HostTrap &c = GetParam();
-  ASSERT_NO_FATAL_FAILURE(MasterAndOpen());
-  WriteFile(outside() / "target.txt", "outside\n");
-  fs::create_directories(outside() / "dir");
-  if (c.kind == HostTrap::kDirectory) {
-    fs::create_directories(out() / c.planted);
-  } else {
-    fs::create_symlink(outside() / (c.kind == HostTrap::kLinkToDir ? "dir" : "target.txt"),
-                       out() / c.planted);
-  }
-  auto before = Snapshot(tmp_.path());
-  LogCapture log;
-  EXPECT_EQ(Iso9660_Extract(vol_, c.imagePath, out().c_str()), ISO9660_ERR_UNSAFE);
-  EXPECT_TRUE(log.contains(c.planted)) << log.all();
-  EXPECT_EQ(Snapshot(tmp_.path()), before);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Traps, Iso9660ExtractHostTrapTest,
-    ::testing::Values(
-        HostTrap{"FileOverLinkInTree", "/", "readme.txt", HostTrap::kLinkToFile},
-        HostTrap{"FileOverLinkAlone", "/readme.txt", "readme.txt", HostTrap::kLinkToFile},
-        HostTrap{"DirOverLink", "/", "sub", HostTrap::kLinkToDir},
-        HostTrap{"FileOverLinkToDir", "/sub/big.bin", "big.bin", HostTrap::kLinkToDir},
-        HostTrap{"FileOverDirectory", "/", "readme.txt", HostTrap::kDirectory}),
-    LabelName());
-
 // Swaps a unique run of image bytes for another of the same length.
 std::function<void(std::string &)> Swap(const std::string &from, const std::string &to) {
   return [=](std::string &data) {
@@ -213,18 +167,14 @@ std::function<void(std::string &)> Swap(const std::string &from, const std::stri
   };
 }
 
-// Swaps one Rock Ridge name (NM field: "NM", length, version 1, flags 0) for another.
+// Swaps one Rock Ridge name for another.
 std::function<void(std::string &)> Rename(const std::string &from, const std::string &to) {
-  auto nm = [](const std::string &name) {
-    return std::string("NM") + static_cast<char>(5 + name.size()) + '\x01' + '\0' + name;
-  };
-  return Swap(nm(from), nm(to));
+  return Swap(IsoRecordWriter::Nm(from), IsoRecordWriter::Nm(to));
 }
 
 struct HostileImage {
   const char *label;
-  std::vector<std::string> files;    // planted below the tree (after "aaa_good.txt" in each dir)
-  std::vector<std::string> symlink;  // name, target: a Rock Ridge symlink entry
+  std::vector<std::string> plant;  // below the tree, after "aaa_good.txt"; "name>target": a link
   std::function<void(std::string &)> patch;
   Iso9660Result expected;
   const char *logNeedle;
@@ -239,11 +189,13 @@ TEST_P(Iso9660ExtractHostileTest, RefusedWithNothingWritten) {
   fs::path tree = tmp_ / "tree";
   WriteFile(tree / "aaa_good.txt", "good\n");
   WriteFile(tree / "sub" / "aaa_good.txt", "good\n");
-  for (const std::string &f : c.files) {
-    WriteFile(tree / f, "planted " + f + "\n");
-  }
-  if (!c.symlink.empty()) {
-    fs::create_symlink(c.symlink[1], tree / c.symlink[0]);
+  for (const std::string &p : c.plant) {
+    size_t arrow = p.find('>');
+    if (arrow == std::string::npos) {
+      WriteFile(tree / p, "planted " + p + "\n");
+    } else {
+      fs::create_symlink(p.substr(arrow + 1), tree / p.substr(0, arrow));
+    }
   }
   ASSERT_NO_FATAL_FAILURE(Master("xorriso", {"-R"}, image(), tree));
   if (c.patch) {
@@ -270,41 +222,31 @@ void LoopToRoot(std::string &data) {
   data.replace(name - 32 + 2, 8, data.substr(kRootRecord + 2, 8));  // both-endian extent
 }
 
-// The reader already refuses the bad names as corrupt records; the
-// extraction's own name check stands behind it.
-INSTANTIATE_TEST_SUITE_P(
-    Images, Iso9660ExtractHostileTest,
-    ::testing::Values(
-        HostileImage{
-            "NameDotDot", {"sub/Qz"}, {}, Rename("Qz", ".."), ISO9660_ERR_CORRUPT, "\"..\""},
-        HostileImage{"NameDot", {"sub/Q"}, {}, Rename("Q", "."), ISO9660_ERR_CORRUPT, "\".\""},
-        HostileImage{"NameWithSlashes",
-                     {"sub/qa1234567"},
-                     {},
-                     Rename("qa1234567", "a/../../x"),
-                     ISO9660_ERR_CORRUPT,
-                     "a/../../x"},
-        HostileImage{"DuplicateName",
-                     {"sub/dupname1", "sub/dupname2"},
-                     {},
-                     Rename("dupname2", "dupname1"),
-                     ISO9660_ERR_UNSAFE,
-                     "duplicate name"},
-        HostileImage{"SymlinkAbsolute",
-                     {},
-                     {"sub/zlink", "/etc/passwd"},
-                     nullptr,
-                     ISO9660_ERR_UNSAFE,
-                     "zlink"},
-        HostileImage{
-            "SymlinkRelative", {}, {"sub/zlink", "../../x"}, nullptr, ISO9660_ERR_UNSAFE, "zlink"},
-        HostileImage{"DirectoryLoop",
-                     {"loopdir/f"},
-                     {},
-                     LoopToRoot,
-                     ISO9660_ERR_CORRUPT,
-                     "directory loop at \"/loopdir\""}),
-    LabelName());
+// The reader leaves records with bad names out and fails the copy of their
+// directory as corrupt; the extraction's own name check stands behind it.
+const HostileImage kHostileImages[] = {
+    {"NameDotDot", {"sub/Qz"}, Rename("Qz", ".."), ISO9660_ERR_CORRUPT, "\"..\""},
+    {"NameDot", {"sub/Q"}, Rename("Q", "."), ISO9660_ERR_CORRUPT, "\".\""},
+    {"NameWithSlashes",
+     {"sub/qa1234567"},
+     Rename("qa1234567", "a/../../x"),
+     ISO9660_ERR_CORRUPT,
+     "a/../../x"},
+    {"DuplicateName",
+     {"sub/dupname1", "sub/dupname2"},
+     Rename("dupname2", "dupname1"),
+     ISO9660_ERR_UNSAFE,
+     "duplicate name"},
+    {"SymlinkAbsolute", {"sub/zlink>/etc/passwd"}, nullptr, ISO9660_ERR_UNSAFE, "zlink"},
+    {"SymlinkRelative", {"sub/zlink>../../x"}, nullptr, ISO9660_ERR_UNSAFE, "zlink"},
+    {"DirectoryLoop",
+     {"loopdir/f"},
+     LoopToRoot,
+     ISO9660_ERR_CORRUPT,
+     "directory loop at \"/loopdir\""},
+};
+INSTANTIATE_TEST_SUITE_P(Images, Iso9660ExtractHostileTest, ::testing::ValuesIn(kHostileImages),
+                         LabelName());
 
 TEST_F(Iso9660ExtractTest, SymlinkEntryRefusedWhenNamedDirectly) {
   fs::create_directories(tmp_ / "tree");
@@ -343,58 +285,45 @@ INSTANTIATE_TEST_SUITE_P(
                       LimitCase{"BytesOfFile", {64, 1000, 2'999'999}, "/sub/big.bin"}),
     LabelName());
 
-TEST_F(Iso9660ExtractTest, BadArgumentsAndHostDirs) {
-  ASSERT_NO_FATAL_FAILURE(MasterAndOpen());
-  WriteFile(tmp_ / "plain", "x");
-  struct Case {
-    Iso9660Volume *vol;
-    const char *path;
-    fs::path hostDir;
-    Iso9660Result expected;
-  } cases[] = {
-      {vol_, "/", tmp_ / "missing", ISO9660_ERR_HOST},
-      {vol_, "/", tmp_ / "plain", ISO9660_ERR_HOST},
-      {vol_, "/no/such", out(), ISO9660_ERR_NOT_FOUND},
-      {nullptr, "/", out(), ISO9660_ERR_INVALID_ARG},
-      {vol_, nullptr, out(), ISO9660_ERR_INVALID_ARG},
-  };
-  for (const Case &c : cases) {
-    LogCapture log;
-    EXPECT_EQ(Iso9660_Extract(c.vol, c.path, c.hostDir.c_str()), c.expected) << c.hostDir;
-    EXPECT_FALSE(log.lines().empty());
-  }
-  EXPECT_EQ(Iso9660_Extract(vol_, "/", nullptr), ISO9660_ERR_INVALID_ARG);
-  EXPECT_TRUE(fs::is_empty(out()));
-}
-
-struct FileExCase {
+// What stands where an extraction writes: a host entry in the place of an
+// image entry is never followed or replaced, and nothing outside out/
+// changes. For Iso9660_ExtractFileEx, planted names the target file; for
+// Iso9660_Extract, the thing planted in out/ (a missing or regular planted
+// entry is itself the target directory).
+struct HostCase {
   const char *label;
+  bool fileEx;
   const char *imagePath;
-  enum { kNone, kRegular, kDirectory, kLink, kNoParent } target;
+  const char *planted;
+  enum { kNone, kRegular, kLinkToFile, kLinkToDir, kDirectory, kMissingDir } kind;
   Iso9660Result expected;
 };
 
-class Iso9660ExtractFileExTest : public Iso9660ExtractTest,
-                                 public ::testing::WithParamInterface<FileExCase> {};
+class Iso9660ExtractHostTest : public Iso9660ExtractTest,
+                               public ::testing::WithParamInterface<HostCase> {};
 
-TEST_P(Iso9660ExtractFileExTest, WritesOrRefuses) {
-  const FileExCase &c = GetParam();
+TEST_P(Iso9660ExtractHostTest, WritesOrRefusesAndOutsideUntouched) {
+  const HostCase &c = GetParam();
   ASSERT_NO_FATAL_FAILURE(MasterAndOpen({"-R", "-J"}));
   WriteFile(outside() / "target.txt", "outside\n");
-  fs::path target = out() / "manifest.txt.iso.shipped";
-  if (c.target == FileExCase::kRegular) {
-    WriteFile(target, "old manifest, longer than the new one by far\n");
-  } else if (c.target == FileExCase::kDirectory) {
+  fs::create_directories(outside() / "dir");
+  fs::path target = out() / c.planted;
+  if (c.kind == HostCase::kRegular) {
+    WriteFile(target, "old contents, longer than the new ones by far\n");
+  } else if (c.kind == HostCase::kDirectory) {
     fs::create_directories(target);
-  } else if (c.target == FileExCase::kLink) {
-    fs::create_symlink(outside() / "target.txt", target);
-  } else if (c.target == FileExCase::kNoParent) {
-    target = out() / "nodir" / "manifest.txt";
+  } else if (c.kind == HostCase::kLinkToFile || c.kind == HostCase::kLinkToDir) {
+    fs::create_symlink(outside() / (c.kind == HostCase::kLinkToDir ? "dir" : "target.txt"), target);
+  } else if (c.kind == HostCase::kMissingDir) {
+    target = out() / "nodir" / c.planted;
   }
+  bool intoTarget = c.kind == HostCase::kMissingDir || c.kind == HostCase::kRegular;
+  fs::path hostDir = intoTarget ? target : out();
   auto outsideBefore = Snapshot(tmp_.path(), out());
   auto outBefore = Snapshot(out());
   LogCapture log;
-  EXPECT_EQ(Iso9660_ExtractFileEx(vol_, c.imagePath, target.c_str()), c.expected);
+  EXPECT_EQ(c.expected, c.fileEx ? Iso9660_ExtractFileEx(vol_, c.imagePath, target.c_str())
+                                 : Iso9660_Extract(vol_, c.imagePath, hostDir.c_str()));
   EXPECT_EQ(Snapshot(tmp_.path(), out()), outsideBefore);
   EXPECT_FALSE(HasTempResidue(out()));
   if (c.expected == ISO9660_OK) {
@@ -404,20 +333,35 @@ TEST_P(Iso9660ExtractFileExTest, WritesOrRefuses) {
   } else {
     EXPECT_EQ(Snapshot(out()), outBefore);
     EXPECT_FALSE(log.lines().empty());
+    EXPECT_TRUE(c.expected != ISO9660_ERR_UNSAFE ||
+                log.contains(c.fileEx ? c.imagePath : c.planted))
+        << log.all();
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Targets, Iso9660ExtractFileExTest,
-    ::testing::Values(
-        FileExCase{"New", "/readme.txt", FileExCase::kNone, ISO9660_OK},
-        FileExCase{"ReplacesRegular", "/sub/big.bin", FileExCase::kRegular, ISO9660_OK},
-        FileExCase{"EmptyFile", "/empty", FileExCase::kRegular, ISO9660_OK},
-        FileExCase{"RefusesDirectory", "/readme.txt", FileExCase::kDirectory, ISO9660_ERR_UNSAFE},
-        FileExCase{"RefusesLink", "/readme.txt", FileExCase::kLink, ISO9660_ERR_UNSAFE},
-        FileExCase{"MissingParent", "/readme.txt", FileExCase::kNoParent, ISO9660_ERR_HOST},
-        FileExCase{"ImageDirectory", "/sub", FileExCase::kNone, ISO9660_ERR_INVALID_ARG},
-        FileExCase{"ImageMissing", "/nothing", FileExCase::kNone, ISO9660_ERR_NOT_FOUND}),
-    LabelName());
+constexpr const char *kShipped = "manifest.txt.iso.shipped";
+constexpr Iso9660Result kUnsafe = ISO9660_ERR_UNSAFE;
+using K = HostCase;
+
+const HostCase kHostCases[] = {
+    {"FileOverLinkInTree", false, "/", "readme.txt", K::kLinkToFile, kUnsafe},
+    {"FileOverLinkAlone", false, "/readme.txt", "readme.txt", K::kLinkToFile, kUnsafe},
+    {"DirOverLink", false, "/", "sub", K::kLinkToDir, kUnsafe},
+    {"FileOverLinkToDir", false, "/sub/big.bin", "big.bin", K::kLinkToDir, kUnsafe},
+    {"FileOverDirectory", false, "/", "readme.txt", K::kDirectory, kUnsafe},
+    {"IntoMissingDir", false, "/", "missing", K::kMissingDir, ISO9660_ERR_HOST},
+    {"IntoPlainFile", false, "/", "plain", K::kRegular, ISO9660_ERR_HOST},
+    {"ImagePathMissing", false, "/no/such", "x", K::kNone, ISO9660_ERR_NOT_FOUND},
+    {"FileExNew", true, "/readme.txt", kShipped, K::kNone, ISO9660_OK},
+    {"FileExReplacesRegular", true, "/sub/big.bin", kShipped, K::kRegular, ISO9660_OK},
+    {"FileExEmptyFile", true, "/empty", kShipped, K::kRegular, ISO9660_OK},
+    {"FileExRefusesDirectory", true, "/readme.txt", kShipped, K::kDirectory, kUnsafe},
+    {"FileExRefusesLink", true, "/readme.txt", kShipped, K::kLinkToFile, kUnsafe},
+    {"FileExMissingParent", true, "/readme.txt", kShipped, K::kMissingDir, ISO9660_ERR_HOST},
+    {"FileExImageDirectory", true, "/sub", kShipped, K::kNone, ISO9660_ERR_INVALID_ARG},
+    {"FileExImageMissing", true, "/nothing", kShipped, K::kNone, ISO9660_ERR_NOT_FOUND},
+};
+INSTANTIATE_TEST_SUITE_P(Targets, Iso9660ExtractHostTest, ::testing::ValuesIn(kHostCases),
+                         LabelName());
 
 }  // namespace
