@@ -22,7 +22,6 @@
 #include "platform/iso9660/iso9660.h"
 
 #include <sys/stat.h>
-#include <unicode/ustring.h>
 
 #include <algorithm>
 #include <array>
@@ -37,6 +36,7 @@
 #include <vector>
 
 #include "platform/log/log.h"
+#include "platform/util/bytes.h"
 #include "platform/util/safeAlloc.h"
 
 namespace {
@@ -127,13 +127,8 @@ unsigned long long U64(uint64_t v) {
   return static_cast<unsigned long long>(v);
 }
 
-uint16_t Le16(const uint8_t *p) {
-  return static_cast<uint16_t>(p[0] | (p[1] << 8));
-}
-uint32_t Le32(const uint8_t *p) {
-  return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) |
-         (static_cast<uint32_t>(p[2]) << 16) | (static_cast<uint32_t>(p[3]) << 24);
-}
+using gp::Le16;
+using gp::Le32;
 
 // A printable form of a raw name for reports (names are hostile input).
 std::string Printable(std::string_view raw) {
@@ -643,23 +638,9 @@ Status ParseSusp(Iso9660Volume &vol, const Record &rec, bool rootDot, RrInfo *rr
 // Joliet names are UCS-2 (in practice UTF-16) big-endian; unpaired
 // surrogates become U+FFFD rather than invalid UTF-8.
 Status JolietToUtf8(std::string_view raw, uint64_t offset, std::string *out) {
-  if (raw.size() % 2 != 0) {
+  if (!gp::Ucs2BeToUtf8(reinterpret_cast<const uint8_t *>(raw.data()), raw.size(), out)) {
     return Fail(ISO9660_ERR_CORRUPT, "Joliet name of odd length at offset %llu", U64(offset));
   }
-  std::u16string units;
-  for (size_t i = 0; i < raw.size(); i += 2) {
-    units.push_back(static_cast<char16_t>((static_cast<uint8_t>(raw[i]) << 8) |
-                                          static_cast<uint8_t>(raw[i + 1])));
-  }
-  char buf[4 * 128 + 1];
-  int32_t len = 0;
-  UErrorCode err = U_ZERO_ERROR;
-  u_strToUTF8WithSub(buf, sizeof buf, &len, units.data(), static_cast<int32_t>(units.size()),
-                     0xFFFD, nullptr, &err);
-  if (U_FAILURE(err) || len < 0 || static_cast<size_t>(len) >= sizeof buf) {
-    return Fail(ISO9660_ERR_CORRUPT, "Joliet name cannot be converted at offset %llu", U64(offset));
-  }
-  out->assign(buf, static_cast<size_t>(len));
   return {};
 }
 
