@@ -4,6 +4,7 @@
 // everything outside the target directory as it was.
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -26,11 +27,8 @@ constexpr uint32_t kAllFormats =
     ISO9660_FORMAT_ISO | ISO9660_FORMAT_JOLIET | ISO9660_FORMAT_ROCKRIDGE;
 
 void MakeTree(const fs::path &root) {
-  std::mt19937 rng(42);
   std::string big(3'000'000, '\0');  // several copy chunks
-  for (char &c : big) {
-    c = static_cast<char>(rng());
-  }
+  std::generate(big.begin(), big.end(), std::mt19937(42));
   WriteFile(root / "readme.txt", "hello\n");
   WriteFile(root / "empty", "");
   WriteFile(root / "Mixed Case Name.TXT", "mixed\n");
@@ -45,12 +43,9 @@ void Osirrox(const fs::path &image, const std::string &path, const fs::path &tar
 }
 
 bool HasTempResidue(const fs::path &root) {
-  for (const auto &e : fs::recursive_directory_iterator(root)) {
-    if (e.path().filename().string().rfind(".gp-extract", 0) == 0) {
-      return true;
-    }
-  }
-  return false;
+  return std::any_of(fs::recursive_directory_iterator(root), {}, [](const fs::directory_entry &e) {
+    return e.path().filename().string().rfind(".gp-extract", 0) == 0;
+  });
 }
 
 using testing_support::PrintTo;  // parameters print as their label
@@ -123,12 +118,15 @@ INSTANTIATE_TEST_SUITE_P(
         MasterCase{"GenisoimageRockRidge", "genisoimage", {"-R"}, kAllFormats}),
     LabelName());
 
-TEST_F(Iso9660ExtractTest, ModesAreNormalised) {
-  WriteFile(tmp_ / "tree" / "suid", "x");
-  WriteFile(tmp_ / "tree" / "private", "y");
-  fs::create_directories(tmp_ / "tree" / "d");
-  chmod((tmp_ / "tree" / "suid").c_str(), 04755);
-  chmod((tmp_ / "tree" / "private").c_str(), 0600);
+// Modes are normalised (no setuid, no private files); callers re-extract
+// over an earlier run: stale files are replaced, files the image does not
+// name stay, no temporaries are left.
+TEST_F(Iso9660ExtractTest, ModesAndReExtraction) {
+  MakeTree(tmp_ / "tree");
+  for (const auto &[name, mode] : {std::pair{"suid", 04755}, {"private", 0600}, {"d/f", 0644}}) {
+    WriteFile(tmp_ / "tree" / name, name);
+    chmod((tmp_ / "tree" / name).c_str(), mode);
+  }
   chmod((tmp_ / "tree" / "d").c_str(), 0700);
   ASSERT_NO_FATAL_FAILURE(MasterAndOpen());
   ASSERT_EQ(Iso9660_Extract(vol_, "/", out().c_str()), ISO9660_OK);
@@ -137,13 +135,6 @@ TEST_F(Iso9660ExtractTest, ModesAreNormalised) {
     ASSERT_EQ(lstat((out() / name).c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, mode) << name;
   }
-}
-
-// Callers re-extract over an earlier run: stale files are replaced, files
-// the image does not name stay, no temporaries are left.
-TEST_F(Iso9660ExtractTest, ReExtractionReplacesEarlierRun) {
-  ASSERT_NO_FATAL_FAILURE(MasterAndOpen());
-  ASSERT_EQ(Iso9660_Extract(vol_, "/", out().c_str()), ISO9660_OK);
   auto first = Snapshot(out());
   WriteFile(out() / "readme.txt", "stale, and longer than the original\n");
   WriteFile(out() / "sub" / "deep" / "f", "");
@@ -156,20 +147,14 @@ TEST_F(Iso9660ExtractTest, ReExtractionReplacesEarlierRun) {
   EXPECT_FALSE(HasTempResidue(out()));
 }
 
-// Swaps a unique run of image bytes for another of the same length.
-std::function<void(std::string &)> Swap(const std::string &from, const std::string &to) {
-  return [=](std::string &data) {
-    ASSERT_EQ(from.size(), to.size());
+// Swaps the one Rock Ridge name entry of the image for another of its size.
+std::function<void(std::string &)> Rename(const std::string &from, const std::string &to) {
+  return [from = IsoRecordWriter::Nm(from), to = IsoRecordWriter::Nm(to)](std::string &data) {
     size_t at = data.find(from);
-    ASSERT_NE(at, std::string::npos) << "pattern not in image";
-    ASSERT_EQ(data.find(from, at + 1), std::string::npos) << "pattern not unique";
+    ASSERT_TRUE(at != std::string::npos && data.find(from, at + 1) == std::string::npos);
+    ASSERT_EQ(from.size(), to.size());
     data.replace(at, to.size(), to);
   };
-}
-
-// Swaps one Rock Ridge name for another.
-std::function<void(std::string &)> Rename(const std::string &from, const std::string &to) {
-  return Swap(IsoRecordWriter::Nm(from), IsoRecordWriter::Nm(to));
 }
 
 struct HostileImage {
@@ -178,6 +163,7 @@ struct HostileImage {
   std::function<void(std::string &)> patch;
   Iso9660Result expected;
   const char *logNeedle;
+  const char *path = "/";  // what is extracted (a file also by Iso9660_ExtractFileEx)
 };
 
 class Iso9660ExtractHostileTest : public Iso9660ExtractTest,
@@ -206,7 +192,10 @@ TEST_P(Iso9660ExtractHostileTest, RefusedWithNothingWritten) {
   ASSERT_EQ(Iso9660_Open(image().c_str(), ISO9660_FORMAT_ROCKRIDGE, &vol_.v), ISO9660_OK);
   auto before = Snapshot(tmp_.path());
   LogCapture log;
-  EXPECT_EQ(Iso9660_Extract(vol_, "/", out().c_str()), c.expected);
+  EXPECT_EQ(Iso9660_Extract(vol_, c.path, out().c_str()), c.expected);
+  if (c.path != std::string("/")) {
+    EXPECT_EQ(Iso9660_ExtractFileEx(vol_, c.path, (out() / "f").c_str()), c.expected);
+  }
   EXPECT_TRUE(log.contains(c.logNeedle)) << log.all();
   EXPECT_EQ(Snapshot(tmp_.path()), before);
   EXPECT_TRUE(fs::is_empty(out()));
@@ -239,6 +228,12 @@ const HostileImage kHostileImages[] = {
      "duplicate name"},
     {"SymlinkAbsolute", {"sub/zlink>/etc/passwd"}, nullptr, ISO9660_ERR_UNSAFE, "zlink"},
     {"SymlinkRelative", {"sub/zlink>../../x"}, nullptr, ISO9660_ERR_UNSAFE, "zlink"},
+    {"SymlinkNamedDirectly",
+     {"passwd>/etc/passwd"},
+     nullptr,
+     ISO9660_ERR_UNSAFE,
+     "/passwd",
+     "/passwd"},
     {"DirectoryLoop",
      {"loopdir/f"},
      LoopToRoot,
@@ -247,17 +242,6 @@ const HostileImage kHostileImages[] = {
 };
 INSTANTIATE_TEST_SUITE_P(Images, Iso9660ExtractHostileTest, ::testing::ValuesIn(kHostileImages),
                          LabelName());
-
-TEST_F(Iso9660ExtractTest, SymlinkEntryRefusedWhenNamedDirectly) {
-  fs::create_directories(tmp_ / "tree");
-  fs::create_symlink("/etc/passwd", tmp_ / "tree" / "passwd");
-  ASSERT_NO_FATAL_FAILURE(MasterAndOpen());
-  LogCapture log;
-  EXPECT_EQ(Iso9660_Extract(vol_, "/passwd", out().c_str()), ISO9660_ERR_UNSAFE);
-  EXPECT_EQ(Iso9660_ExtractFileEx(vol_, "/passwd", (out() / "p").c_str()), ISO9660_ERR_UNSAFE);
-  EXPECT_TRUE(log.contains("/passwd")) << log.all();
-  EXPECT_TRUE(fs::is_empty(out()));
-}
 
 struct LimitCase {
   const char *label;
@@ -277,13 +261,12 @@ TEST_P(Iso9660ExtractLimitTest, FailsCleanly) {
   EXPECT_TRUE(fs::is_empty(out()));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Limits, Iso9660ExtractLimitTest,
-    ::testing::Values(LimitCase{"Entries", {64, 5, 1ULL << 30}, "/"},
-                      LimitCase{"Depth", {1, 1000, 1ULL << 30}, "/"},
-                      LimitCase{"BytesOfTree", {64, 1000, 1'000'000}, "/"},
-                      LimitCase{"BytesOfFile", {64, 1000, 2'999'999}, "/sub/big.bin"}),
-    LabelName());
+const LimitCase kLimits[] = {{"Entries", {64, 5, 1ULL << 30}, "/"},
+                             {"Depth", {1, 1000, 1ULL << 30}, "/"},
+                             {"BytesOfTree", {64, 1000, 1'000'000}, "/"},
+                             {"BytesOfFile", {64, 1000, 2'999'999}, "/sub/big.bin"}};
+INSTANTIATE_TEST_SUITE_P(Limits, Iso9660ExtractLimitTest, ::testing::ValuesIn(kLimits),
+                         LabelName());
 
 // What stands where an extraction writes: a host entry in the place of an
 // image entry is never followed or replaced, and nothing outside out/
@@ -317,8 +300,8 @@ TEST_P(Iso9660ExtractHostTest, WritesOrRefusesAndOutsideUntouched) {
   } else if (c.kind == HostCase::kMissingDir) {
     target = out() / "nodir" / c.planted;
   }
-  bool intoTarget = c.kind == HostCase::kMissingDir || c.kind == HostCase::kRegular;
-  fs::path hostDir = intoTarget ? target : out();
+  fs::path hostDir =
+      c.kind == HostCase::kMissingDir || c.kind == HostCase::kRegular ? target : out();
   auto outsideBefore = Snapshot(tmp_.path(), out());
   auto outBefore = Snapshot(out());
   LogCapture log;

@@ -106,21 +106,20 @@ inline std::map<std::string, std::string> Snapshot(const std::filesystem::path &
 }
 
 // A small ISO 9660 image written record by record, for shapes no mastering
-// tool makes in a small image: hundreds of thousands of entries, files whose
-// parts alias one another, continuation chains shared by many records, a
-// damaged record before good ones. Descriptors sit at blocks 16 and 17; with
+// tool makes: huge directories, aliased parts, shared continuation chains,
+// damaged records before good ones. Descriptors at blocks 16 and 17; with
 // rockRidge the root's "." record announces Rock Ridge.
 class IsoRecordWriter {
  public:
   static constexpr size_t kBlock = 2048;
   explicit IsoRecordWriter(bool rockRidge = false) : rr_(rockRidge), img_(18 * kBlock, '\0') {}
 
-  static std::string Both32(uint32_t v) {
-    std::string le(4, '\0');
+  static std::string Both32(uint32_t v) {  // little-endian, then big-endian
+    std::string b(8, '\0');
     for (int i = 0; i < 4; ++i) {
-      le[i] = static_cast<char>(v >> (8 * i));
+      b[i] = b[7 - i] = static_cast<char>(v >> (8 * i));
     }
-    return le + std::string(le.rbegin(), le.rend());
+    return b;
   }
   // A directory record with system use entries after the name (flags 0x02
   // directory, 0x80 more parts follow).
@@ -177,9 +176,7 @@ class IsoRecordWriter {
     pvd += std::string("\x00\x08\x08\x00", 4) + std::string(24, '\0');  // block size at 128
     pvd += Record(root.first, root.second, 2, std::string(1, '\0'));
     Put(16 * kBlock, pvd);
-    Put(17 * kBlock,
-        "\xff"
-        "CD001\x01");
+    Put(17 * kBlock, std::string("\xff") + "CD001\x01");
     return img_;
   }
 
