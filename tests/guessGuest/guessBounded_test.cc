@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <ostream>
 #include <span>
 #include <string>
 
@@ -27,6 +28,10 @@ struct Attack {
   uint64_t maxBytes;   // bytes detection may read
   uint64_t reports;    // reports the caller gets (0 or 1)
 };
+// Printed as its label, so test names hold no addresses.
+void PrintTo(const Attack &attack, std::ostream *os) {
+  *os << attack.label;
+}
 
 class GuessBounded : public testing::TestWithParam<Attack> {};
 
