@@ -152,8 +152,9 @@ Iso9660Result Iso9660_CloseFile(Iso9660Volume *volume, Iso9660File *file);
 
 /* Looks a path up; fills *entry (the root gives a directory entry named "").
  * Directories are found by walking their indexes from the root; a
- * directory met again below itself is ISO9660_ERR_CORRUPT, and so is a path
- * through a damaged entry. */
+ * directory met again below itself is ISO9660_ERR_CORRUPT, and a path
+ * through a damaged entry gives what was wrong with it, as Iso9660_Lookup
+ * does. */
 Iso9660Result Iso9660_Stat(Iso9660Volume *volume, const char *path, Iso9660DirEntry *entry);
 
 /* Copies the file at path in the image into the host directory hostDir under

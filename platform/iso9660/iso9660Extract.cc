@@ -40,9 +40,11 @@
  * Codes: ISO9660_ERR_HOST for host failures (hostDir missing or not a
  * directory, no space...), ISO9660_ERR_UNSAFE for refused names and
  * entries, ISO9660_ERR_LIMIT past a bound, ISO9660_ERR_CORRUPT for a directory
- * that contains its own ancestor, the reader's own code when the
- * image cannot be read. Each failure is logged once here (the reader may add
- * its own line).
+ * that contains its own ancestor or whose listing ends in
+ * ISO9660_ERR_CORRUPT (the reader left damaged records out: a partial copy
+ * would pass for a whole one), the reader's own code when the image cannot
+ * be read. Each failure is logged once here (the reader may add its own
+ * line, once per volume).
  */
 #include <fcntl.h>
 #include <sys/stat.h>
