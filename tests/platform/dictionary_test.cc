@@ -49,10 +49,7 @@ Entries All(Dictionary *d) {
 }
 
 std::string English(MsgList *m) {
-  char *s = MsgList_ToEnglishString(m);
-  std::string out = s;
-  free(s);
-  return out;
+  return testing_support::Take(MsgList_ToEnglishString(m));
 }
 
 struct LoadCase {

@@ -14,16 +14,11 @@
 
 using testing_support::ReadFile;
 using testing_support::RunCommand;
+using testing_support::Take;
 using testing_support::TempDir;
 using testing_support::WriteFile;
 
 namespace {
-
-std::string Take(char *s) {
-  std::string out = s == nullptr ? "<null>" : s;
-  free(s);
-  return out;
-}
 
 std::string Mode(const std::filesystem::path &p) {
   return RunCommand({"stat", "-c", "%a", p.string()}).output;

@@ -1,5 +1,5 @@
-// The guest OS table: lookups, consistency of every row with the predicates
-// and with the tools image table's id ranges, and hostile keys and sets.
+// The guest OS table: lookups, consistency of every row with the predicates,
+// and hostile keys and sets.
 // That detection reports only keys of this table is checked over the
 // detection corpus (tests/guessGuest/guessCorpus_test.cc).
 #include "platform/guestos/guestos.h"
@@ -100,68 +100,6 @@ TEST(GuestOSTest, TableRowsAreConsistent) {
   // The key-taking predicates ignore case like the lookup does.
   EXPECT_TRUE(GuestOS_IsLinuxPreGlibc25("RHEL4-64"));
   EXPECT_TRUE(GuestOS_IsTarTools("CentOS6-64"));
-}
-
-// The tools image locator's built-in table, as it lists guest ids
-// (inclusive ranges, first row wins, zero-ended sets).
-const char *ImageFor(uint32_t id) {
-  const std::pair<const char *, std::vector<std::pair<uint32_t, uint32_t>>> rows[] = {
-      {"winPre2k.iso", {{0x5003, 0x5006}}},
-      {"windows.iso", {{0x5006, 0x5021}}},
-      {nullptr, {{0x5075, 0x507E}}},
-      {"linux.iso", {{0x5025, 0x5037}, {0x503B, 0x5046}, {0x5075, 0x5075}, {0x507F, 0x509E}}},
-      {"solaris.iso", {{0x5056, 0x505B}}},
-      {"freebsd.iso", {{0x5047, 0x5055}}},
-      {"netware.iso", {{0x5072, 0x5074}}},
-      {"darwin.iso", {{0x505C, 0x506F}}},
-  };
-  for (const auto &[image, ranges] : rows) {
-    std::vector<uint32_t> set;
-    for (auto [lo, hi] : ranges) {
-      for (uint32_t v = lo; v <= hi; ++v) {
-        set.push_back(v);
-      }
-    }
-    set.push_back(0);
-    if (Gos_InSetArray(id, set.data())) {
-      return image;
-    }
-  }
-  return nullptr;
-}
-
-// No key may land in another family's tools image: a Linux id inside the
-// Solaris range would get the wrong tools installed.
-TEST(GuestOSTest, IdsFitTheToolsImageRanges) {
-  const std::pair<std::string, GuestOSFamily> kImageFamilies[] = {
-      {"winPre2k.iso", GUESTOS_FAMILY_WINDOWS}, {"windows.iso", GUESTOS_FAMILY_WINDOWS},
-      {"linux.iso", GUESTOS_FAMILY_LINUX},      {"solaris.iso", GUESTOS_FAMILY_SOLARIS},
-      {"freebsd.iso", GUESTOS_FAMILY_FREEBSD},  {"netware.iso", GUESTOS_FAMILY_NETWARE},
-      {"darwin.iso", GUESTOS_FAMILY_DARWIN}};
-  size_t count = 0;
-  const GuestOSEntry *table = GuestOS_GetTable(&count);
-  for (size_t i = 0; i < count; ++i) {
-    const GuestOSEntry &e = table[i];
-    SCOPED_TRACE(e.key);
-    const char *found = ImageFor(static_cast<uint32_t>(e.id));
-    const std::string image = found == nullptr ? "" : found;
-    EXPECT_EQ(GuestOS_IsWin9x(e.id) || GuestOS_IsWinNT4(e.id), image == "winPre2k.iso");
-    EXPECT_TRUE(image != "windows.iso" || GuestOS_IsWin2kOrHigher(e.id));
-    for (auto [name, family] : kImageFamilies) {
-      EXPECT_TRUE(image != name || e.family == family) << name;
-    }
-    // These families have no other source of tools.
-    EXPECT_TRUE(!image.empty() ||
-                (e.family != GUESTOS_FAMILY_SOLARIS && e.family != GUESTOS_FAMILY_NETWARE &&
-                 e.family != GUESTOS_FAMILY_DARWIN));
-  }
-  EXPECT_STREQ("winPre2k.iso", ImageFor(GuestOS_GetOSIDByName("winNT")));  // listed twice
-  EXPECT_STREQ(nullptr, ImageFor(GuestOS_GetOSIDByName("tavkernel")));     // no-image row first
-  EXPECT_STREQ(nullptr, ImageFor(GuestOS_GetOSIDByName("arm-windows11-64")));
-  // The ids the locator's table leaves out belong to no guest.
-  for (int id : {0x5000, 0x5001, 0x5002, 0x5038, 0x5039, 0x503A}) {
-    EXPECT_EQ(nullptr, GuestOS_GetNameByID(id)) << std::hex << id;
-  }
 }
 
 TEST(GuestOSTest, UnknownIdsAndSetsHoldNothing) {

@@ -11,15 +11,9 @@ namespace {
 
 using testing_support::DataDir;
 using testing_support::LogCapture;
+using testing_support::Take;
 using testing_support::TempDir;
 using testing_support::WriteFile;
-
-// Takes ownership of a returned string.
-std::string Take(char *s) {
-  std::string out = s == nullptr ? "<null>" : s;
-  free(s);
-  return out;
-}
 
 class MsgTest : public ::testing::Test {
  protected:

@@ -150,4 +150,10 @@ std::filesystem::path DataDir() {
   return GUESTPREP_TEST_DATA;
 }
 
+std::string Take(char *s) {
+  std::string out = s == nullptr ? "<null>" : s;
+  free(s);
+  return out;
+}
+
 }  // namespace testing_support

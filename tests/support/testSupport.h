@@ -59,6 +59,9 @@ CommandResult RunMasteringTool(const std::vector<std::string> &argv);
 bool HaveTool(const std::string &name);
 
 void WriteFile(const std::filesystem::path &path, const std::string &contents);
+
+// Takes a string the library allocated and frees it; "<null>" for none.
+std::string Take(char *s);
 std::string ReadFile(const std::filesystem::path &path);
 
 // Directory of committed test inputs (tests/data).
