@@ -1,7 +1,8 @@
 /*
  * guestprep unattended install: can a detected guest be installed without
- * a user, is the text the user typed acceptable, and what is a detected
- * Windows edition called.
+ * a user, with which settings, is the text the user typed acceptable, what
+ * is a detected Windows edition called, and the Linux answer files with
+ * their password hashes.
  *
  * The detection result these functions read is the caller's GuessInfo from
  * Guess_Guest (see guestprep/guess.h); it is only read, never kept.
@@ -10,7 +11,13 @@
  * allocated and released by the caller with free(). Messages and display
  * names come back localised through the host's message catalogue.
  * Nothing here logs: a bad text is reported by its status and message, an
- * unknown guest simply is not supported.
+ * unknown guest simply is not supported, an answer file that cannot be
+ * written is a false result.
+ *
+ * Not reentrant: password hashing keeps its result and its random state
+ * process-wide, and writing a kickstart file sets the kernel argument that
+ * the boot-medium remastering reads later. Run the Linux answer-file calls
+ * from one thread at a time.
  */
 #ifndef GUESTPREP_AUTOINSTALL_H
 #define GUESTPREP_AUTOINSTALL_H
@@ -40,6 +47,132 @@ enum {
   AUTOINSTALL_TEXT_BAD_LINUX_USERNAME = 5,
   AUTOINSTALL_TEXT_BAD_UBUNTU_USERNAME = 6,
 };
+
+/* The Linux installer families, by the guest OS key's prefix (first match,
+ * case-sensitive): "redhat", "rhel", "asianux", "fedora", "centos" are Red
+ * Hat; "sles10" is SLES 10; "sles11", "sles12", "opensuse" are SUSE;
+ * "ubuntu"; "mandriva". Everything else (Windows, Debian...) is none. */
+typedef uint32_t LinuxInstallFamily;
+enum {
+  LINUX_FAMILY_NONE = 0,
+  LINUX_FAMILY_REDHAT = 1,
+  LINUX_FAMILY_UBUNTU = 2,
+  LINUX_FAMILY_SUSE = 3,
+  LINUX_FAMILY_SLES10 = 4,
+  LINUX_FAMILY_MANDRIVA = 5,
+};
+
+/* An account name the install form must not offer; with isPrefix, every
+ * name that starts with it. Lists end with a null name. */
+typedef struct ReservedAccountName {
+  const char *name;
+  bool isPrefix;
+} ReservedAccountName;
+
+/* The settings of the unattended-install form for one guest. The values
+ * and flags are the caller's to interpret; the lists point into constant
+ * tables and are never freed. */
+typedef struct InstallConfigInfo {
+  const ReservedAccountName *familyReservedNames; /* may be null */
+  const ReservedAccountName *variantReservedNames; /* may be null */
+  uint32_t familyValue1;
+  uint32_t variantValue1;
+  uint32_t variantValue2;
+  uint32_t familyValue2;
+  uint8_t familyFlags[4];
+  uint8_t variantFlags[2];
+} InstallConfigInfo;
+
+/* Whether the detected guest can be installed unattended: a Windows medium
+ * the Windows check accepts, or a Linux medium of a family and release the
+ * answer files are written for. False for a null record or one without a
+ * key. */
+GUESTPREP_API bool AutoInstall_IsSupportedGuest(const GuessInfo *info);
+
+/* The Linux half of AutoInstall_IsSupportedGuest: Red Hat (but not the
+ * exact keys "rhel2" and "redhat", nor Fedora 8 and 13, live media or
+ * CentOS minimal and stream media), Ubuntu of a known release that has an
+ * installer this can drive, SUSE but not openSUSE 11.2 and older, 13.x,
+ * nor SLES/SLED 10 SP2 and older. Never Mandriva. */
+GUESTPREP_API bool AutoInstallIsSupportedLinuxGuest(const GuessInfo *info);
+
+/* Fills *config for the family "windows" or "linux" (exact spelling) and
+ * the detected guest. False, with *config untouched, for another family
+ * key or a null argument or key. */
+GUESTPREP_API bool AutoInstall_GetInstallConfigInfo(const char *familyKey, const GuessInfo *info,
+                                                    InstallConfigInfo *config);
+
+/* Check one typed text for the family "windows" or "linux" (any other key
+ * is a programming error and ends the process). On a status other than
+ * AUTOINSTALL_TEXT_OK, *message (when message is not null) receives the
+ * localised reason, a new string; otherwise it is left untouched. */
+GUESTPREP_API AutoInstallTextStatus AutoInstall_ValidatePassword(const char *familyKey,
+                                                                 const GuessInfo *info,
+                                                                 const char *text, char **message);
+GUESTPREP_API AutoInstallTextStatus AutoInstall_ValidateShortName(const char *familyKey,
+                                                                  const GuessInfo *info,
+                                                                  const char *text,
+                                                                  char **message);
+GUESTPREP_API AutoInstallTextStatus AutoInstall_ValidateName(const char *familyKey,
+                                                             const GuessInfo *info,
+                                                             const char *text, char **message);
+
+/* The Linux validator behind them:
+ * - user name (AUTOINSTALL_TEXT_KIND_SHORT_NAME): only a-z, 0-9 and "-"
+ *   (BAD_LINUX_USERNAME); on Ubuntu it must also start with a-z
+ *   (BAD_UBUNTU_USERNAME, the empty name included);
+ * - full name: none of : " \ , (BAD_LINUX_NAME), then no "]]>"
+ *   (BAD_GECOS_SUBSTRING);
+ * - password: no "]]>" (BAD_PASSWORD_SUBSTRING). */
+GUESTPREP_API AutoInstallTextStatus AutoInstallValidateLinuxText(const GuessInfo *info,
+                                                                 const char *text,
+                                                                 AutoInstallTextKind kind,
+                                                                 char **message);
+
+/* Linux answer files */
+
+/* Writes the answer file for the guest osKey/version into outDir (created
+ * with its parents): "ks.cfg" (Red Hat family), "custom/preseed.cfg"
+ * (Ubuntu), "autoinst.xml" (SUSE), "auto_i~1.cfg" (Mandriva). Passwords go
+ * in as SHA-256 crypt hashes, except in the Mandriva file, which takes them
+ * as text. powerOff ends the install with a power-off instead of a reboot;
+ * nvme (Ubuntu) installs to the first NVMe disk.
+ *
+ * The file is replaced atomically: a false result leaves whatever was at
+ * its path before. False for a null argument, a family without an answer
+ * file, a directory or file that cannot be written, or a text that cannot
+ * be written into the format without changing its meaning (a control
+ * character or invalid UTF-8 in the full name, a user name that is empty,
+ * starts with "-", is longer than 32 characters or holds more than a-z,
+ * 0-9 and "-"). Every text the validators accept is written so that the
+ * installer reads back exactly the text given: "$", "@", backquotes and
+ * "]]>" are escaped as each format needs. (A double quote, which the
+ * validators refuse in a full name, is written with a backslash before
+ * it.)
+ *
+ * For the Red Hat family this also sets the kernel argument that points
+ * the installer at the file ("ks=cdrom:/ks.cfg", or
+ * "ks=cdrom:/dev/cdrom:/ks.cfg" for Fedora 17 to 20), which remastering
+ * the boot medium reads: write the answer file first. */
+GUESTPREP_API bool AutoInstall_PrepareAnswerFileEx_Linux(const char *osKey, GuessVersion version,
+                                                         const char *outDir, const char *userName,
+                                                         const char *fullName,
+                                                         const char *userPassword,
+                                                         const char *rootPassword, bool powerOff,
+                                                         bool nvme);
+
+/* SHA-256 crypt ("$5$"), as the C library's crypt() computes it. salt may
+ * begin with "$5$" and with "rounds=N$" (N clamped to 1000..999999999);
+ * at most 16 salt characters are used. Writes the whole hash string into
+ * buffer and returns it, or returns null when buflen bytes do not hold it
+ * and its terminator. Key-derived intermediate data is wiped. */
+GUESTPREP_API char *SHA256_crypt(const char *key, const char *salt, char *buffer, int32_t buflen);
+
+/* Appends up to n characters of crypt's base-64 for the 24 bits
+ * b2:b1:b0, low six bits first, while *buflen is above zero; advances *cp
+ * and decreases *buflen for each. */
+GUESTPREP_API void b64_from_24bit(uint8_t b2, uint8_t b1, uint8_t b0, int32_t n, int32_t *buflen,
+                                  char **cp);
 
 /* Windows */
 
