@@ -1,6 +1,7 @@
 /*
  * Little-endian fields and UCS-2 names as the on-disk formats (ISO 9660,
- * UDF, FAT) store them. Callers check that the bytes are there first.
+ * UDF, FAT) store them, and UTF-8 checks for text that other programs
+ * parse. Callers check that the bytes are there first.
  */
 #ifndef GUESTPREP_PLATFORM_BYTES_H
 #define GUESTPREP_PLATFORM_BYTES_H
@@ -8,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace gp {
 
@@ -25,6 +27,14 @@ inline uint64_t Le64(const uint8_t *p) {
 /* UCS-2 big-endian (in practice UTF-16) to UTF-8; unpaired surrogates become
  * U+FFFD rather than invalid UTF-8. False on an odd byte count. */
 bool Ucs2BeToUtf8(const uint8_t *data, size_t len, std::string *out);
+
+/* Length of the valid UTF-8 sequence at the start of text, 0 when it does
+ * not start with one (a stray byte, an overlong form, a surrogate, a cut
+ * sequence). */
+size_t Utf8SequenceLength(std::string_view text);
+
+/* Whether all of text is valid UTF-8. */
+bool IsValidUtf8(std::string_view text);
 
 }  // namespace gp
 
