@@ -1,23 +1,26 @@
 // A minimal sparse UDF image built descriptor by descriptor, for structures
 // no tool here writes in a small image (files over 4 GiB, long, extended and
-// embedded descriptors, continuation extents, a metadata partition). Blocks
-// not written read as zero. Layout (2048-byte blocks): recognition sequence
-// at 16-18, volume descriptors at 32 and a reserve copy at 48, anchors at 256
-// and the last block, the partition from kPartStart; file set descriptor at
-// file-system block 0, root entry at 1. With a metadata partition,
-// file-system block k is physical block kMetaStart + k.
+// embedded descriptors, continuation extents, a metadata partition), and a
+// walker that lists what the reader shows of any image. Blocks not written
+// read as zero. Layout (2048-byte blocks): recognition sequence at 16-18,
+// volume descriptors at 32, the anchor at 256, the partition from
+// kPartStart; file set descriptor at file-system block 0, root entry at 1.
+// With a metadata partition, file-system block k is physical block
+// kMetaStart + k.
 #ifndef GUESTPREP_TESTS_UDFIMAGEBUILDER_H
 #define GUESTPREP_TESTS_UDFIMAGEBUILDER_H
 
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "platform/image/imageReader.h"
+#include "platform/udf/udf.h"
 #include "platform/udf/udfFormat.h"
 
 namespace gp::udf {
@@ -31,21 +34,12 @@ class ImageBuilder {
   static constexpr uint32_t kMetaBlocks = 64;  // size of the metadata area
   enum AdType : uint8_t { kShort = 0, kLong = 1, kExtended = 2, kEmbedded = 3 };
 
-  using Blocks = std::map<uint64_t, std::vector<uint8_t>>;
-
   ImageBuilder(uint64_t partBlocks, bool metadata) : partBlocks_(partBlocks), meta_(metadata) {}
 
   // Partition reference of the file-system partition (where entries live).
   uint16_t FsPart() const { return meta_ ? 1 : 0; }
-  uint64_t ImageBlocks() const { return kPartStart + partBlocks_ + 1; }
 
-  // Raw access to an absolute sector, a physical partition block, or a
-  // file-system partition block (zero-filled on first use).
-  uint8_t *Sector(uint64_t s) {
-    std::vector<uint8_t> &b = blocks_[s];
-    b.resize(kBs);
-    return b.data();
-  }
+  // A physical or a file-system partition block, zero-filled on first use.
   uint8_t *Phys(uint64_t lb) { return Sector(kPartStart + lb); }
   uint8_t *Fs(uint32_t lb) { return meta_ ? Phys(kMetaStart + lb) : Phys(lb); }
 
@@ -98,10 +92,8 @@ class ImageBuilder {
     const size_t header = extended ? kExtFileEntryHeader : kFileEntryHeader;
     memset(d, 0, kBs);
     Put16(d + 16 + 4, 4);  // ICB tag: strategy 4
-    Put16(d + 16 + 8, 1);  // maximum entries
     d[16 + 11] = fileType;
     Put16(d + 16 + 18, kind);  // flags: allocation descriptor type
-    Put16(d + 48, 1);          // link count
     Put64(d + 56, size);       // information length
     if (extended) {
       Put64(d + 64, size);  // object size
@@ -118,37 +110,9 @@ class ImageBuilder {
     Tag(d, kTagAllocExtent, lb, 24 + ads.size());
   }
 
-  // Appends a File Identifier Descriptor: characteristics, the name as CS0
-  // (8-bit when it fits, else UCS-2; empty for the parent), the entry's ICB.
-  static void AddFid(std::vector<uint8_t> *dir, const std::u16string &name, uint32_t lb,
-                     uint16_t part, uint8_t chars) {
-    std::vector<uint8_t> id;
-    if (!name.empty()) {
-      bool wide = std::any_of(name.begin(), name.end(), [](char16_t c) { return c > 0xFF; });
-      id.push_back(wide ? 16 : 8);
-      for (char16_t c : name) {
-        if (wide) {
-          id.push_back(static_cast<uint8_t>(c >> 8));
-        }
-        id.push_back(static_cast<uint8_t>(c));
-      }
-    }
-    size_t at = dir->size();
-    size_t len = (kFidHeader + id.size() + 3) & ~size_t{3};
-    dir->resize(at + len);
-    uint8_t *f = dir->data() + at;
-    Put16(f + 16, 1);  // file version
-    f[18] = chars;
-    f[19] = static_cast<uint8_t>(id.size());
-    Put32(f + 20, kBs);  // ICB long_ad: length, block, partition
-    Put32(f + 24, lb);
-    Put16(f + 28, part);
-    std::copy(id.begin(), id.end(), f + kFidHeader);
-    Tag(f, kTagFileId, 1, len);
-  }
-
-  // Shorthands for hand-built trees. A directory's identifiers: name, entry
-  // block, characteristics (2 a directory, 4 deleted, 8 the parent).
+  // A directory's File Identifier Descriptors: characteristics (2 a
+  // directory, 4 deleted, 8 the parent), the name as CS0 (8-bit when it
+  // fits, else UCS-2; empty for the parent), the entry's ICB.
   struct Name {
     std::u16string name;
     uint32_t lb;
@@ -157,12 +121,32 @@ class ImageBuilder {
   std::vector<uint8_t> Fids(const std::vector<Name> &names) const {
     std::vector<uint8_t> out;
     for (const Name &n : names) {
-      AddFid(&out, n.name, n.lb, FsPart(), n.chars);
+      std::vector<uint8_t> id;
+      if (!n.name.empty()) {
+        bool wide = std::any_of(n.name.begin(), n.name.end(), [](char16_t c) { return c > 0xFF; });
+        id.push_back(wide ? 16 : 8);
+        for (char16_t c : n.name) {
+          if (wide) {
+            id.push_back(static_cast<uint8_t>(c >> 8));
+          }
+          id.push_back(static_cast<uint8_t>(c));
+        }
+      }
+      size_t at = out.size(), len = (kFidHeader + id.size() + 3) & ~size_t{3};
+      out.resize(at + len);
+      uint8_t *f = out.data() + at;
+      f[18] = n.chars;
+      f[19] = static_cast<uint8_t>(id.size());
+      Put32(f + 20, kBs);  // ICB long_ad: length, block, partition
+      Put32(f + 24, n.lb);
+      Put16(f + 28, FsPart());
+      std::copy(id.begin(), id.end(), f + kFidHeader);
+      Tag(f, kTagFileId, 1, len);
     }
     return out;
   }
-  // An entry at file-system block lb holding its data, or over short
-  // descriptors (length, block, extent type).
+  // Shorthands: an entry at file-system block lb holding its data, or over
+  // short descriptors (length, block, extent type).
   void Embed(uint32_t lb, uint8_t fileType, const std::vector<uint8_t> &data, bool ext = false) {
     Entry(Fs(lb), lb, fileType, data.size(), kEmbedded, data, ext);
   }
@@ -175,8 +159,9 @@ class ImageBuilder {
     Entry(Fs(lb), lb, fileType, size, kShort, raw);
   }
 
-  // Writes the recognition sequence, volume descriptors, anchors, the
-  // metadata file when needed and the file set descriptor (root at
+  // Writes the recognition sequence, volume descriptors, the anchor (no
+  // reserve sequence or backup anchors: no test here breaks the main ones),
+  // the metadata file when needed and the file set descriptor (root at
   // file-system block 1).
   void Finish() {
     const char *vrs[] = {"BEA01", "NSR02", "TEA01"};
@@ -184,43 +169,31 @@ class ImageBuilder {
       memcpy(Sector(16 + i) + 1, vrs[i], 5);
       Sector(16 + i)[6] = 1;
     }
-    for (uint32_t base : {32u, 48u}) {
-      Tag(Sector(base), kTagPrimaryVolume, base, 512);
-      uint8_t *pd = Sector(base + 1);
-      Put32(pd + 184, 1);  // access type: read-only
-      Put32(pd + 188, kPartStart);
-      Put32(pd + 192, static_cast<uint32_t>(partBlocks_));
-      Tag(pd, kTagPartition, base + 1, 512);
-      uint8_t *lvd = Sector(base + 2);
-      Put32(lvd + 212, kBs);
-      memcpy(lvd + 217, "*OSTA UDF Compliant", 19);
-      Put32(lvd + 248, kBs);  // file set descriptor long_ad
-      Put16(lvd + 248 + 8, FsPart());
-      uint8_t *m = lvd + kLvdMapsOffset;
-      m[0] = 1, m[1] = 6, Put16(m + 2, 1);  // type 1: volume 1, partition 0
-      if (meta_) {
-        m += 6;
-        m[0] = 2, m[1] = 64;
-        memcpy(m + 5, "*UDF Metadata Partition", 23);
-        Put16(m + 36, 1);
-        Put32(m + 40, kMetaFile);
-        Put32(m + 44, kMetaFile);  // the mirror is the same file here
-        Put32(m + 48, 0xFFFFFFFF);
-        Put32(m + 52, 32);
-        Put16(m + 56, 1);
-      }
-      uint32_t table = meta_ ? 70 : 6;
-      Put32(lvd + 264, table);
-      Put32(lvd + 268, meta_ ? 2 : 1);
-      Tag(lvd, kTagLogicalVolume, base + 2, kLvdMapsOffset + table);
-      Tag(Sector(base + 3), kTagTerminating, base + 3, 512);
+    Tag(Sector(32), kTagPrimaryVolume, 32, 512);
+    uint8_t *pd = Sector(33);
+    Put32(pd + 188, kPartStart);
+    Put32(pd + 192, static_cast<uint32_t>(partBlocks_));
+    Tag(pd, kTagPartition, 33, 512);
+    uint8_t *lvd = Sector(34);
+    Put32(lvd + 212, kBs);
+    Put32(lvd + 248, kBs);  // file set descriptor long_ad
+    Put16(lvd + 248 + 8, FsPart());
+    uint8_t *m = lvd + kLvdMapsOffset;
+    m[0] = 1, m[1] = 6;  // type 1: partition 0
+    if (meta_) {
+      m += 6;
+      m[0] = 2, m[1] = 64;
+      memcpy(m + 5, "*UDF Metadata Partition", 23);
+      Put32(m + 40, kMetaFile);
+      Put32(m + 44, kMetaFile);  // the mirror is the same file here
     }
-    for (uint64_t s : {uint64_t{256}, ImageBlocks() - 1}) {
-      uint8_t *a = Sector(s);
-      Put32(a + 16, 16 * kBs), Put32(a + 20, 32);  // main sequence
-      Put32(a + 24, 16 * kBs), Put32(a + 28, 48);  // reserve sequence
-      Tag(a, kTagAnchor, static_cast<uint32_t>(s), 512);
-    }
+    uint32_t table = meta_ ? 70 : 6;
+    Put32(lvd + 264, table);
+    Put32(lvd + 268, meta_ ? 2 : 1);
+    Tag(lvd, kTagLogicalVolume, 34, kLvdMapsOffset + table);
+    uint8_t *anchor = Sector(256);
+    Put32(anchor + 16, 16 * kBs), Put32(anchor + 20, 32);  // main sequence
+    Tag(anchor, kTagAnchor, 256, 512);
     if (meta_) {
       std::vector<uint8_t> ads;
       AddAd(&ads, kShort, kMetaBlocks * kBs, kMetaStart, 0);
@@ -235,9 +208,8 @@ class ImageBuilder {
 
   // A reader over the blocks as they are now.
   std::unique_ptr<gp::ImageReader> Reader() const {
-    return std::make_unique<SparseReader>(blocks_, ImageBlocks() * kBs);
+    return std::make_unique<SparseReader>(blocks_, (kPartStart + partBlocks_) * kBs);
   }
-  Blocks &blocks() { return blocks_; }
 
   static void Put16(uint8_t *p, uint16_t v) { p[0] = v & 0xFF, p[1] = v >> 8; }
   static void Put32(uint8_t *p, uint32_t v) {
@@ -250,6 +222,14 @@ class ImageBuilder {
   }
 
  private:
+  using Blocks = std::map<uint64_t, std::vector<uint8_t>>;
+
+  uint8_t *Sector(uint64_t s) {
+    std::vector<uint8_t> &b = blocks_[s];
+    b.resize(kBs);
+    return b.data();
+  }
+
   class SparseReader : public gp::ImageReader {
    public:
     SparseReader(Blocks blocks, uint64_t size) : blocks_(std::move(blocks)), size_(size) {}
@@ -278,6 +258,45 @@ class ImageBuilder {
   uint64_t partBlocks_;
   bool meta_;
 };
+
+// A file as Snapshot shows it: "f:" and the bytes, or size#hash past 64.
+inline std::string FileValue(const std::string &data) {
+  return data.size() <= 64 ? "f:" + data
+                           : "f:" + std::to_string(data.size()) + "#" +
+                                 std::to_string(std::hash<std::string>{}(data));
+}
+
+// Everything the reader shows below root, in the form Snapshot gives a
+// host tree; "?" for an entry that does not open, or a file that does not
+// read whole (the first MiB) or whose listed size is not its size. At most
+// budget entries, so a damaged image cannot keep it going.
+inline std::map<std::string, std::string> Walk(UDFVolume *vol, UDFDir *root, int budget = 10000) {
+  std::map<std::string, std::string> out;
+  std::function<void(UDFDir *, const std::string &)> walk = [&](UDFDir *dir,
+                                                                const std::string &prefix) {
+    UDFDirEntryInfo info;
+    while (const char *name = --budget >= 0 ? UDF_ReadDir(dir, &info) : nullptr) {
+      std::string n = name, path = prefix + n;
+      if (info.isDirectory) {
+        UDFDir *child = UDF_OpenDir(vol, dir, n.c_str());
+        out[path] = child != nullptr ? "d" : "?";
+        if (child != nullptr) {
+          walk(child, path + "/");
+          UDF_CloseDir(child);
+        }
+        continue;
+      }
+      UDFFile *f = UDF_OpenFile(vol, dir, n.c_str());
+      uint64_t size = f != nullptr ? UDF_GetFileSize(vol, f) : 0;
+      std::string data(std::min<uint64_t>(size, 1 << 20), '\0');
+      bool read = f != nullptr && UDF_PReadFile(f, data.data(), 0, data.size());
+      UDF_CloseFile(f);
+      out[path] = read && size == data.size() && size == info.size ? FileValue(data) : "?";
+    }
+  };
+  walk(root, "");
+  return out;
+}
 
 }  // namespace gp::udf
 
