@@ -29,9 +29,7 @@ std::string MakeImage() {
   std::filesystem::create_directories(tmp / "tree" / "Sub" / "Deeper");
   WriteFile(tmp / "tree" / "Readme.TXT", "hello\n");
   WriteFile(tmp / "tree" / "Sub" / "Deeper" / "big.bin", std::string(5000, 'b'));
-  CommandResult r = RunCommand(
-      {"genisoimage", "-quiet", "-udf", "-o", (tmp / "u.iso").string(), (tmp / "tree").string()});
-  EXPECT_EQ(r.exitCode, 0) << r.output;
+  Master("genisoimage", {"-udf"}, tmp / "u.iso", tmp / "tree");
   return ReadFile(tmp / "u.iso");
 }
 
@@ -268,15 +266,6 @@ const Attack kAttacks[] = {
        return std::vector<Lookup>{{"sparse", true}, {"hole/", false}};
      },
      100, "unrecorded", 64},
-    {"damaged last identifier in the root",
-     [](ImageBuilder &b) {
-       Bytes root = b.Fids({{u"a", 2}, {u"b", 2}, {u"c", 2}});
-       root[root.size() - 5] ^= 1;  // in c's: its CRC no longer matches
-       b.Embed(kRoot, kDirType, root);
-       b.Embed(2, kFileType, {'x'});
-       return std::vector<Lookup>{{"a", true}, {"b", true}, {"c", false}};
-     },
-     3, "skipped damaged file identifiers", 64},
     {"damaged identifiers in the middle",
      [](ImageBuilder &b) {
        Bytes root = b.Fids({{u"a", 2}, {u"bad", 2}});
@@ -363,30 +352,12 @@ TEST_P(UdfHostileCrafted, BoundedWithOneReport) {
 
 INSTANTIATE_TEST_SUITE_P(Attacks, UdfHostileCrafted, ::testing::ValuesIn(kAttacks), LabelName());
 
-// Walks everything below dir (loops are refused), reading every file, until
-// the budget of entries runs out.
-void Walk(UDFVolume *vol, UDFDir *dir, int *budget) {
-  UDFDirEntryInfo info;  // asks for each entry's File Entry too
-  while (const char *name = --*budget >= 0 ? UDF_ReadDir(dir, &info) : nullptr) {
-    std::string n = name;
-    if (UDFDir *child = UDF_OpenDir(vol, dir, n.c_str())) {
-      Walk(vol, child, budget);
-      UDF_CloseDir(child);
-    } else if (UDFFile *f = UDF_OpenFile(vol, dir, n.c_str())) {
-      std::vector<char> buf(std::min<uint64_t>(UDF_GetFileSize(vol, f), 1 << 20));
-      UDF_PReadFile(f, buf.data(), 0, buf.size());
-      UDF_CloseFile(f);
-    }
-  }
-}
-
 // Opens img and walks it all: at most one log line, whatever the damage.
 void OpenAndWalk(const std::string &img, const std::string &what) {
   LogCapture log;
   if (UDFVolume *vol = UDF_OpenReader(MemoryReader(img))) {
     if (UDFDir *root = UDF_OpenDir(vol, nullptr, "")) {
-      int budget = 1000;
-      Walk(vol, root, &budget);
+      gp::udf::Walk(vol, root, 1000);
       UDF_CloseDir(root);
     }
     UDF_Close(vol);
