@@ -21,6 +21,7 @@ struct Command {
 };
 
 extern const Command kDetectCommand;
+extern const Command kAnswerCommand;
 
 // Text for a terminal or a line-oriented reader: a backslash becomes "\\",
 // a line feed, tab or carriage return "\n", "\t", "\r", each byte of any other

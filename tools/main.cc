@@ -20,6 +20,7 @@ namespace {
 // Subcommands, in the order --help lists them.
 const cli::Command kCommands[] = {
     cli::kDetectCommand,
+    cli::kAnswerCommand,
 };
 
 // Without --log the library's lines are dropped: each command says what went

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The CLI's contract: --help and --version succeed, usage errors exit 2; detect's
-# exit codes, one stderr line per bad image, and output no image can break.
+# exit codes, one stderr line per bad image, and output no image can break;
+# answer's files, reasons and exit codes.
 set -uo pipefail
 cli=$1
 data=${2:-}
@@ -84,6 +85,36 @@ assert rows[2]["image"].endswith("odd\ufffd\nosKey: forged.iso"), rows[2]
 ' || { echo "FAIL: detect --json with bytes that are not UTF-8"; fail=1; }
   keys=$("$cli" detect "$work/latin1.iso" "$odd" | grep -c '^osKey:')
   [ "$keys" = 2 ] || { echo "FAIL: text output has $keys osKey lines for 2 images"; fail=1; }
+
+  # answer: the answer file of a corpus image, its path and kernel argument;
+  # passwords from files or standard input, hashed as libcrypt checks them;
+  # each rejected text's reason on stderr and nothing written.
+  printf 'first secret\n' >"$work/pw"
+  expect 0 "answer for a recognised image" "$cli" answer "$work/centos7.iso" --user ann \
+    --full-name 'Ann $(id) `id` Lee' --password-file "$work/pw" --out "$work/out"
+  grep -qF 'chfn -f "Ann \$(id) \`id\` Lee" ann' "$work/out/ks.cfg" &&
+    [ "$(stat -c %a "$work/out/ks.cfg")" = 600 ] ||
+    { echo "FAIL: answer: ks.cfg lacks the escaped full name or is readable by others"; fail=1; }
+  printf 'user pw\nroot pw\n' | "$cli" answer --json "$work/centos7.iso" --user ann \
+    --full-name Ann --password-file - --root-password-file - --out "$work/stdin" | python3 -c '
+import json, sys
+j = json.loads(sys.stdin.read())
+assert j["osKey"] == "centos7-64" and j["answerFile"].endswith("/stdin/ks.cfg"), j
+assert j["kernelArgs"] == "ks=cdrom:/ks.cfg" and j["needsFloppy"] is False, j
+' || { echo "FAIL: answer --json record"; fail=1; }
+  root=$(sed -n 's/^rootpw --iscrypted //p' "$work/stdin/ks.cfg")
+  [ -n "$root" ] && perl -e 'exit(crypt("root pw", $ARGV[0]) eq $ARGV[0] ? 0 : 1)' "$root" ||
+    { echo "FAIL: answer: the root hash does not verify with crypt()"; fail=1; }
+  "$cli" answer "$work/centos7.iso" --user Ann --full-name 'Lee, Ann' \
+    --password-file "$work/pw" --out "$work/rejected" 2>"$work/err"
+  got=$?
+  [ "$got" = 1 ] && [ "$(grep -c -e '^guestprep: --user: ' -e '^guestprep: --full-name: ' "$work/err")" = 2 ] &&
+    [ ! -e "$work/rejected/ks.cfg" ] ||
+    { echo "FAIL: answer with rejected texts: exit $got"; cat "$work/err"; fail=1; }
+  expect 1 "answer for an unrecognised image" "$cli" answer "$work/empty.iso" --user ann \
+    --full-name Ann --password-file "$work/pw" --out "$work/none"
+  expect 2 "answer for random bytes" "$cli" answer "$work/random.bin" --user ann \
+    --full-name Ann --password-file "$work/pw" --out "$work/none"
   rm -rf "$work"
 fi
 rm -f /tmp/cli.$$.out
