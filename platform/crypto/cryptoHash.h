@@ -1,0 +1,66 @@
+/*
+ * Host hashing over OpenSSL's libcrypto: streaming SHA-256 (FIPS 180-4).
+ *
+ * A CryptoHashContext carries one digest computation at a time and holds
+ * its whole state inline: Init, Update and Final never allocate, so a
+ * caller hashing thousands of short messages (the password hash runs one
+ * digest per round) pays only for the hashing. libcrypto's block function
+ * picks the CPU's SHA instructions where there are any. (Its EVP layer
+ * would allocate provider state on every Init and costs about twice as
+ * much per short message; bench_crypt shows the difference.)
+ *
+ * The context is a plain value: declare one, Init it, and reuse it for as
+ * many computations as needed. The state may hold secret input, so the
+ * destructor wipes it; procedural code that keeps a context in longer-
+ * lived memory calls CryptoHash_Release when done with it.
+ *
+ * Errors come back as CryptoError values, never as exceptions or log
+ * lines: the callers decide what a failed hash means for them. After a
+ * failed call the context must be initialised again before further use.
+ * A context is used by one thread at a time; different contexts are
+ * independent.
+ */
+#ifndef GUESTPREP_PLATFORM_CRYPTOHASH_H
+#define GUESTPREP_PLATFORM_CRYPTOHASH_H
+
+#include <cstddef>
+#include <cstdint>
+
+/* Outcome of a hashing call. New values are only ever appended. */
+enum CryptoError {
+  CRYPTO_ERROR_SUCCESS = 0,
+  CRYPTO_ERROR_OPERATION_FAILED = 1, /* libcrypto refused the operation */
+  CRYPTO_ERROR_BAD_PARAMETER = 2,    /* a null pointer where data was needed */
+};
+
+/* Size in bytes of a SHA-256 digest. */
+constexpr size_t kCryptoHashSHA256Size = 32;
+
+/* One digest computation's state; Init before first use. Not copyable:
+ * copies of secret state are easy to forget to wipe. */
+struct CryptoHashContext {
+  // libcrypto's SHA-256 state, kept opaque so this header needs none of
+  // libcrypto's declarations (its size is checked where it is used).
+  alignas(8) unsigned char state[112];
+
+  CryptoHashContext() = default;
+  CryptoHashContext(const CryptoHashContext &) = delete;
+  CryptoHashContext &operator=(const CryptoHashContext &) = delete;
+  ~CryptoHashContext();
+};
+
+/* Starts a new SHA-256 computation in ctx, discarding whatever it held. */
+CryptoError CryptoHash_InitSHA256(CryptoHashContext *ctx);
+
+/* Feeds length bytes. bytes may be null when length is 0. */
+CryptoError CryptoHash_UpdateSHA256(CryptoHashContext *ctx, const void *bytes, size_t length);
+
+/* Writes the 32-byte digest of everything fed since Init to digest. The
+ * context then needs a new Init before it hashes again. */
+CryptoError CryptoHash_FinalSHA256(CryptoHashContext *ctx, uint8_t digest[kCryptoHashSHA256Size]);
+
+/* Wipes the context's state; it needs a new Init before further use.
+ * Safe on null. */
+void CryptoHash_Release(CryptoHashContext *ctx);
+
+#endif
