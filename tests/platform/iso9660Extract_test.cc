@@ -16,6 +16,7 @@
 
 #include "platform/iso9660/iso9660.h"
 #include "support/imageFixtures.h"
+#include "support/isoWriter.h"
 #include "support/testSupport.h"
 
 namespace {
@@ -149,7 +150,7 @@ TEST_F(Iso9660ExtractTest, ModesAndReExtraction) {
 
 // Swaps the one Rock Ridge name entry of the image for another of its size.
 std::function<void(std::string &)> Rename(const std::string &from, const std::string &to) {
-  return [from = IsoRecordWriter::Nm(from), to = IsoRecordWriter::Nm(to)](std::string &data) {
+  return [from = IsoWriter::Nm(from), to = IsoWriter::Nm(to)](std::string &data) {
     size_t at = data.find(from);
     ASSERT_TRUE(at != std::string::npos && data.find(from, at + 1) == std::string::npos);
     ASSERT_EQ(from.size(), to.size());

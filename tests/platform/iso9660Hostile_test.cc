@@ -17,6 +17,7 @@
 
 #include "platform/iso9660/iso9660.h"
 #include "support/imageFixtures.h"
+#include "support/isoWriter.h"
 #include "support/testSupport.h"
 
 namespace fs = std::filesystem;
@@ -25,7 +26,7 @@ using namespace testing_support;
 namespace {
 
 using testing_support::PrintTo;
-using W = IsoRecordWriter;
+using W = IsoWriter;
 
 constexpr size_t kBlock = 2048;
 const std::string kLongName(220, 'L');
@@ -385,30 +386,6 @@ TEST_P(Iso9660Attack, BoundedWorkAllGoodEntriesOneReport) {
   EXPECT_EQ("", capture.all());
 }
 
-// ".discinfo" as 1,023 parts over the same 256 KiB: a 256 MiB file in a
-// small image. The files beside it share that extent too, which is legal.
-std::string AliasedParts() {
-  W w(true);
-  uint32_t data = w.Alloc(256 << 10);
-  std::vector<std::string> recs{W::Record(data, 5, 0, "A;1", W::Nm("a"))};
-  for (int i = 0; i < 1023; ++i) {
-    recs.push_back(W::Record(data, 256 << 10, i < 1022 ? 0x80 : 0, "DISCINFO.;1",
-                             i == 0 ? W::Nm(".discinfo") : ""));
-  }
-  recs.push_back(W::Record(data, 7, 0, "Z;1", W::Nm("z")));
-  return w.Finish(w.Dir(recs, true));
-}
-
-std::string HugeRoot() {
-  W w;
-  uint32_t data = w.Alloc(1);
-  std::vector<std::string> recs;
-  for (int i = 0; i < 200000; ++i) {
-    recs.push_back(W::Record(data, 4, 0, "N" + std::to_string(1000000 + i).substr(1)));
-  }
-  return w.Finish(w.Dir(recs, true));
-}
-
 // 3,000 records each leading into one chain of 32 continuation areas of
 // 2,000 bytes: each record is within its own limits, the directory is not.
 std::string SharedChains() {
@@ -428,42 +405,26 @@ std::string SharedChains() {
   return w.Finish(w.Dir(recs, true));
 }
 
-// Each kind of damage ahead of the good entries, the first one taking the
-// rest of its sector with it.
-std::string DamagedFirst() {
-  W w(true);
-  uint32_t data = w.Alloc(1), loop = w.Alloc(1);
-  w.Put(uint64_t{loop} * kBlock, W::Ce(loop, 0, 28));
-  std::string tooShort = W::Record(data, 1, 0, "S;1", W::Nm("short"));
-  std::string nameOverrun = W::Record(data, 1, 0, "O;1", W::Nm("overrun"));
-  tooShort[0] = 20;
-  nameOverrun[32] = static_cast<char>(200);
-  return w.Finish(w.Dir({tooShort, W::Record(data, 1, 0, "H;1", W::Nm("hidden-by-short")), "",
-                         W::Record(0x7FFFFFF0, 100, 0, "P;1", W::Nm("pastend")),
-                         W::Record(data, 1, 0, "L;1", W::Nm("loop") + W::Ce(loop, 0, 28)),
-                         W::Record(data, 1, 0, "D;1", W::Nm("..")), nameOverrun,
-                         W::Record(0x7FFFFFF0, 2048, 2, "SUBDIR", W::Nm("subdir")),
-                         W::Record(data, 3, 0, "G1;1", W::Nm("Good-One")),
-                         W::Record(data, 2, 0, "G2;1", W::Nm("g2"))},
-                        true));
-}
-
 const Attack kAttacks[] = {
     {"AliasedMultiExtentParts",
-     AliasedParts,
+     attacks::AliasedParts,
      {"a", "z"},
      {".discinfo"},
      "\".discinfo\" has overlapping parts"},
-    {"RootOf200000Entries", HugeRoot, {"N000000", "N123456", "N199999"}, {"N200000"}, nullptr},
+    {"RootOf200000Entries",
+     attacks::WideRoot,
+     {"N000000", "N123456", "N199999", ".DISCINFO"},
+     {"N200000"},
+     nullptr},
     {"ContinuationChainsSharedByManyRecords",
      SharedChains,
      {"file1000", "file1200", "zz-good"},
      {"file3999"},
      "Rock Ridge continuation data of one directory over"},
     {"DamagedRecordsBeforeGoodOnes",
-     DamagedFirst,
-     {"Good-One", "g2"},
-     {"short", "hidden-by-short", "pastend", "loop", "overrun", "subdir"},
+     attacks::DamagedFirst,
+     {"Good-One", "g2", ".discinfo"},
+     {"short", "hidden-by-short", "pastend", "loop", "A/B", "overrun", "subdir"},
      "directory record too short"},
 };
 INSTANTIATE_TEST_SUITE_P(Written, Iso9660Attack, ::testing::ValuesIn(kAttacks), LabelName());

@@ -1,6 +1,5 @@
 // Helpers shared by the image reader suites: mastering with the real tools,
-// a small ISO 9660 writer for hostile shapes, in-memory and failing readers,
-// and snapshots of host trees.
+// in-memory and failing readers, and snapshots of host trees.
 #ifndef GUESTPREP_TESTS_IMAGEFIXTURES_H
 #define GUESTPREP_TESTS_IMAGEFIXTURES_H
 
@@ -104,86 +103,6 @@ inline std::map<std::string, std::string> Snapshot(const std::filesystem::path &
   }
   return out;
 }
-
-// A small ISO 9660 image written record by record, for shapes no mastering
-// tool makes: huge directories, aliased parts, shared continuation chains,
-// damaged records before good ones. Descriptors at blocks 16 and 17; with
-// rockRidge the root's "." record announces Rock Ridge.
-class IsoRecordWriter {
- public:
-  static constexpr size_t kBlock = 2048;
-  explicit IsoRecordWriter(bool rockRidge = false) : rr_(rockRidge), img_(18 * kBlock, '\0') {}
-
-  static std::string Both32(uint32_t v) {  // little-endian, then big-endian
-    std::string b(8, '\0');
-    for (int i = 0; i < 4; ++i) {
-      b[i] = b[7 - i] = static_cast<char>(v >> (8 * i));
-    }
-    return b;
-  }
-  // A directory record with system use entries after the name (flags 0x02
-  // directory, 0x80 more parts follow).
-  static std::string Record(uint32_t extent, uint32_t size, uint8_t flags, const std::string &name,
-                            const std::string &susp = "") {
-    std::string r = std::string(2, '\0') + Both32(extent) + Both32(size) + std::string(7, '\0') +
-                    static_cast<char>(flags) + std::string(2, '\0') +
-                    std::string("\x01\0\0\x01", 4) + static_cast<char>(name.size()) + name;
-    r += std::string(name.size() % 2 == 0 ? 1 : 0, '\0') + susp;
-    r[0] = static_cast<char>(r.size());
-    return r;
-  }
-  static std::string Nm(const std::string &name) {
-    return std::string("NM") + static_cast<char>(5 + name.size()) + "\x01" + '\0' + name;
-  }
-  static std::string Ce(uint32_t block, uint32_t offset, uint32_t len) {
-    return std::string("CE\x1c\x01") + Both32(block) + Both32(offset) + Both32(len);
-  }
-
-  // Zeroed whole blocks at the end of the image; the first one's number.
-  uint32_t Alloc(size_t bytes) {
-    uint32_t first = static_cast<uint32_t>(img_.size() / kBlock);
-    img_.resize(img_.size() + (bytes + kBlock - 1) / kBlock * kBlock, '\0');
-    return first;
-  }
-  void Put(uint64_t offset, const std::string &bytes) { img_.replace(offset, bytes.size(), bytes); }
-
-  // A directory of "." and ".." and these records; a record never
-  // straddles a sector, and an empty string starts the next sector.
-  std::pair<uint32_t, uint32_t> Dir(std::vector<std::string> records, bool root = false) {
-    std::string rr = root && rr_ ? std::string("SP\x07\x01\xbe\xef\0RR\x05\x01\x81", 12) : "";
-    records.insert(records.begin(), {Record(0, 0, 2, std::string(1, '\0'), rr),
-                                     Record(0, 0, 2, std::string(1, '\1'))});
-    std::string dir;
-    for (const std::string &r : records) {
-      if (r.empty() || dir.size() % kBlock + r.size() > kBlock) {
-        dir.resize((dir.size() / kBlock + 1) * kBlock, '\0');
-      }
-      dir += r;
-    }
-    uint32_t size = static_cast<uint32_t>((dir.size() + kBlock - 1) / kBlock * kBlock);
-    uint32_t block = Alloc(size);
-    for (size_t self : {size_t{0}, records[0].size()}) {  // "." and ".." both name it
-      dir.replace(self + 2, 16, Both32(block) + Both32(size));
-    }
-    Put(uint64_t{block} * kBlock, dir);
-    return {block, size};
-  }
-
-  // The image, with its descriptors describing this root.
-  std::string Finish(std::pair<uint32_t, uint32_t> root) {
-    std::string pvd = std::string("\x01") + "CD001\x01" + std::string(73, '\0');
-    pvd += Both32(static_cast<uint32_t>(img_.size() / kBlock)) + std::string(40, '\0');
-    pvd += std::string("\x00\x08\x08\x00", 4) + std::string(24, '\0');  // block size at 128
-    pvd += Record(root.first, root.second, 2, std::string(1, '\0'));
-    Put(16 * kBlock, pvd);
-    Put(17 * kBlock, std::string("\xff") + "CD001\x01");
-    return img_;
-  }
-
- private:
-  bool rr_;
-  std::string img_;
-};
 
 // Names a parameterised case by its label, and prints it as that label
 // (bring PrintTo into the case's namespace with a using-declaration).

@@ -1,165 +1,154 @@
-// A bare ISO 9660 image written record by record (primary names only), for
-// images no mastering tool would make: aliased extents, enormous
-// directories, broken records between good ones.
+// A small ISO 9660 image written record by record, for shapes no mastering
+// tool makes: huge directories, aliased parts, shared continuation chains,
+// damaged records before good ones. Descriptors at blocks 16 and 17; with
+// rockRidge the root's "." record announces Rock Ridge.
 #ifndef GUESTPREP_TESTS_ISOWRITER_H
 #define GUESTPREP_TESTS_ISOWRITER_H
 
 #include <cstdint>
 #include <cstdio>
 #include <string>
-#include <string_view>
+#include <utility>
 #include <vector>
 
 namespace testing_support {
 
 class IsoWriter {
  public:
-  static constexpr uint32_t kBlock = 2048;
-  static constexpr uint8_t kMultiExtent = 0x80;
+  static constexpr size_t kBlock = 2048;
+  static constexpr uint8_t kDirectory = 0x02, kMultiExtent = 0x80;
+  explicit IsoWriter(bool rockRidge = false) : rr_(rockRidge), img_(18 * kBlock, '\0') {}
 
-  // Appends data at the next free data block; returns its index among the
-  // data blocks (records name extents by that index).
-  uint32_t AddData(std::string_view data) {
-    uint32_t first = static_cast<uint32_t>(data_.size() / kBlock);
-    data_.append(data);
-    data_.resize((data_.size() + kBlock - 1) / kBlock * kBlock, '\0');
+  static std::string Both32(uint32_t v) {  // little-endian, then big-endian
+    std::string b(8, '\0');
+    for (int i = 0; i < 4; ++i) {
+      b[i] = b[7 - i] = static_cast<char>(v >> (8 * i));
+    }
+    return b;
+  }
+  // A directory record with system use entries after the name.
+  static std::string Record(uint32_t extent, uint32_t size, uint8_t flags, const std::string &name,
+                            const std::string &susp = "") {
+    std::string r = std::string(2, '\0') + Both32(extent) + Both32(size) + std::string(7, '\0') +
+                    static_cast<char>(flags) + std::string(2, '\0') +
+                    std::string("\x01\0\0\x01", 4) + static_cast<char>(name.size()) + name;
+    r += std::string(name.size() % 2 == 0 ? 1 : 0, '\0') + susp;
+    r[0] = static_cast<char>(r.size());
+    return r;
+  }
+  static std::string Nm(const std::string &name) {
+    return std::string("NM") + static_cast<char>(5 + name.size()) + "\x01" + '\0' + name;
+  }
+  static std::string Ce(uint32_t block, uint32_t offset, uint32_t len) {
+    return std::string("CE\x1c\x01") + Both32(block) + Both32(offset) + Both32(len);
+  }
+
+  // Whole blocks at the end of the image holding data, zero-padded; the
+  // first one's number.
+  uint32_t Alloc(size_t bytes, const std::string &data = "") {
+    uint32_t first = static_cast<uint32_t>(img_.size() / kBlock);
+    img_.resize(img_.size() + (bytes + kBlock - 1) / kBlock * kBlock, '\0');
+    Put(uint64_t{first} * kBlock, data);
     return first;
   }
+  void Put(uint64_t offset, const std::string &bytes) { img_.replace(offset, bytes.size(), bytes); }
 
-  // A root directory record; dataBlock indexes the data added above.
-  void AddRecord(std::string name, uint32_t dataBlock, uint32_t size, uint8_t flags = 0) {
-    records_.push_back({std::move(name), dataBlock, size, flags});
+  // A directory of "." and ".." and these records; a record never
+  // straddles a sector, and an empty string starts the next sector.
+  std::pair<uint32_t, uint32_t> Dir(std::vector<std::string> records, bool root = false) {
+    std::string rr = root && rr_ ? std::string("SP\x07\x01\xbe\xef\0RR\x05\x01\x81", 12) : "";
+    records.insert(records.begin(), {Record(0, 0, kDirectory, std::string(1, '\0'), rr),
+                                     Record(0, 0, kDirectory, std::string(1, '\1'))});
+    std::string dir;
+    for (const std::string &r : records) {
+      if (r.empty() || dir.size() % kBlock + r.size() > kBlock) {
+        dir.resize((dir.size() / kBlock + 1) * kBlock, '\0');
+      }
+      dir += r;
+    }
+    uint32_t size = static_cast<uint32_t>((dir.size() + kBlock - 1) / kBlock * kBlock);
+    uint32_t block = Alloc(size);
+    for (size_t self : {size_t{0}, records[0].size()}) {  // "." and ".." both name it
+      dir.replace(self + 2, 16, Both32(block) + Both32(size));
+    }
+    Put(uint64_t{block} * kBlock, dir);
+    return {block, size};
   }
 
-  // Raw bytes as a record of their own (a broken record).
-  void AddRaw(std::string bytes) { records_.push_back({std::move(bytes), 0, 0, 0, true}); }
-
-  std::string Build() const {
-    const uint32_t rootBlock = 18;
-    // Laid out twice: the first pass tells how many blocks the root takes,
-    // and so where the data that follows it starts.
-    const uint32_t dataBase =
-        rootBlock + static_cast<uint32_t>(LayoutRoot(rootBlock, 0).size() / kBlock);
-    std::string root = LayoutRoot(rootBlock, dataBase);
-    const uint32_t rootSize = static_cast<uint32_t>(root.size());
-    std::string img(16 * kBlock, '\0');
-    std::string pvd(kBlock, '\0');
-    pvd[0] = 1;
-    pvd.replace(1, 6, "CD001\1");
-    pvd.replace(40, 32, std::string(32, ' '));
-    pvd.replace(40, 6, "BOUNDS");
-    const uint32_t total = dataBase + static_cast<uint32_t>(data_.size() / kBlock);
-    Both32(&pvd, 80, total);
-    pvd[128] = 0;  // block size 2048, both-endian
-    pvd[129] = 8;
-    pvd[130] = 8;
-    pvd[131] = 0;
-    pvd.replace(156, 34, Record(std::string(1, '\0'), rootBlock, rootSize, 2));
-    std::string term(kBlock, '\0');
-    term[0] = static_cast<char>(255);
-    term.replace(1, 6, "CD001\1");
-    return img + pvd + term + root + data_;
+  // The image, with its descriptors describing this root.
+  std::string Finish(std::pair<uint32_t, uint32_t> root) {
+    std::string pvd = std::string("\x01") + "CD001\x01" + std::string(73, '\0');
+    pvd += Both32(static_cast<uint32_t>(img_.size() / kBlock)) + std::string(40, '\0');
+    pvd += std::string("\x00\x08\x08\x00", 4) + std::string(24, '\0');  // block size at 128
+    pvd += Record(root.first, root.second, kDirectory, std::string(1, '\0'));
+    Put(16 * kBlock, pvd);
+    Put(17 * kBlock, std::string("\xff") + "CD001\x01");
+    return img_;
   }
 
  private:
-  struct Rec {
-    std::string name;
-    uint32_t block;
-    uint32_t size;
-    uint8_t flags;
-    bool raw = false;
-  };
-
-  std::string LayoutRoot(uint32_t rootBlock, uint32_t dataBase) const {
-    std::vector<std::string> recs{Record(std::string(1, '\0'), rootBlock, 0, 2),
-                                  Record(std::string(1, '\1'), rootBlock, 0, 2)};
-    for (const Rec &r : records_) {
-      recs.push_back(r.raw ? r.name : Record(r.name, dataBase + r.block, r.size, r.flags));
-    }
-    std::string root;
-    for (const std::string &rec : recs) {
-      if (root.size() % kBlock + rec.size() > kBlock) {  // records never straddle a block
-        root.resize((root.size() / kBlock + 1) * kBlock, '\0');
-      }
-      root += rec;
-    }
-    root.resize((root.size() + kBlock - 1) / kBlock * kBlock, '\0');
-    for (size_t dot = 0; dot < 2; ++dot) {  // "." and ".." carry the root's size
-      Both32(&root, dot * 34 + 10, static_cast<uint32_t>(root.size()));
-    }
-    return root;
-  }
-
-  static void Both32(std::string *s, size_t at, uint32_t v) {
-    for (int i = 0; i < 4; ++i) {
-      (*s)[at + i] = static_cast<char>(v >> (8 * i));
-      (*s)[at + 7 - i] = static_cast<char>(v >> (8 * i));
-    }
-  }
-
-  static std::string Record(const std::string &name, uint32_t extent, uint32_t size,
-                            uint8_t flags) {
-    size_t len = 33 + name.size() + (name.size() % 2 == 0 ? 1 : 0);
-    std::string r(len, '\0');
-    r[0] = static_cast<char>(len);
-    Both32(&r, 2, extent);
-    Both32(&r, 10, size);
-    r[25] = static_cast<char>(flags);
-    r[28] = 1;  // volume sequence number, both-endian
-    r[31] = 1;
-    r[32] = static_cast<char>(name.size());
-    r.replace(33, name.size(), name);
-    return r;
-  }
-
-  std::vector<Rec> records_;
-  std::string data_;
+  bool rr_;
+  std::string img_;
 };
 
-// Images that cost far more than any image should, unless every directory
-// is read once and every read is capped (tests and the bounded benchmark).
+// Images that cost far more than any image should unless every directory is
+// read once and every read is capped, each hiding a CentOS ".discinfo": the
+// reader's, detection's and the bounded benchmark's attacks.
 namespace attacks {
 
-// The marker every attack hides, and the key detection gives for it.
 constexpr char kDiscInfo[] = "1\nCentOS Linux 8\nx86_64\n";
-constexpr char kAttackKey[] = "centos8-64";
+constexpr char kAttackKey[] = "centos8-64";  // what detection makes of kDiscInfo
+constexpr uint32_t kDiscInfoSize = sizeof kDiscInfo - 1;
 
-// ".DISCINFO" as 1,023 parts that all point at the same 256 KiB: a file of
-// a quarter gigabyte in an image of half a megabyte.
+// ".discinfo" as 1,023 parts over the same 256 KiB: a 256 MiB file in a
+// small image. The files beside it share that extent too, which is legal.
 inline std::string AliasedParts() {
-  IsoWriter w;
-  std::string data(256u << 10, '\n');
-  data.replace(0, sizeof kDiscInfo - 1, kDiscInfo);
-  uint32_t block = w.AddData(data);
+  IsoWriter w(true);
+  uint32_t data = w.Alloc(256 << 10, kDiscInfo);
+  std::vector<std::string> recs{IsoWriter::Record(data, 5, 0, "A;1", IsoWriter::Nm("a"))};
   for (int i = 0; i < 1023; ++i) {
-    w.AddRecord(".DISCINFO;1", block, 256u << 10, i < 1022 ? IsoWriter::kMultiExtent : 0);
+    recs.push_back(IsoWriter::Record(data, 256 << 10, i < 1022 ? IsoWriter::kMultiExtent : 0,
+                                     "DISCINFO.;1", i == 0 ? IsoWriter::Nm(".discinfo") : ""));
   }
-  return w.Build();
+  recs.push_back(IsoWriter::Record(data, 7, 0, "Z;1", IsoWriter::Nm("z")));
+  return w.Finish(w.Dir(recs, true));
 }
 
-// 200,000 entries before the marker: every lookup in the root must not read
-// the root again.
+// 200,000 primary names before ".DISCINFO": no lookup may read the root
+// again.
 inline std::string WideRoot() {
   IsoWriter w;
-  uint32_t block = w.AddData(kDiscInfo);
+  uint32_t data = w.Alloc(kDiscInfoSize, kDiscInfo);
+  std::vector<std::string> recs;
   char name[16];
   for (int i = 0; i < 200000; ++i) {
-    snprintf(name, sizeof name, "F%06d.;1", i);
-    w.AddRecord(name, block, 0);
+    snprintf(name, sizeof name, "N%06d;1", i);
+    recs.push_back(IsoWriter::Record(data, 4, 0, name));
   }
-  w.AddRecord(".DISCINFO;1", block, sizeof kDiscInfo - 1);
-  return w.Build();
+  recs.push_back(IsoWriter::Record(data, kDiscInfoSize, 0, ".DISCINFO;1"));
+  return w.Finish(w.Dir(recs, true));
 }
 
-// A broken record (a "/" in its name) and one past the end of the image sit
-// before the marker: the marker is still found.
+// Each kind of damage ahead of the good entries, the first one taking the
+// rest of its sector with it.
 inline std::string DamagedFirst() {
-  IsoWriter w;
-  uint32_t block = w.AddData(kDiscInfo);
-  w.AddRecord("A/B;1", block, 10);
-  w.AddRecord("FAR.;1", 1u << 30, 10);
-  w.AddRecord(".DISCINFO;1", block, sizeof kDiscInfo - 1);
-  return w.Build();
+  using W = IsoWriter;
+  W w(true);
+  uint32_t data = w.Alloc(kDiscInfoSize, kDiscInfo), loop = w.Alloc(1);
+  w.Put(uint64_t{loop} * W::kBlock, W::Ce(loop, 0, 28));
+  std::string tooShort = W::Record(data, 1, 0, "S;1", W::Nm("short"));
+  std::string nameOverrun = W::Record(data, 1, 0, "O;1", W::Nm("overrun"));
+  tooShort[0] = 20;
+  nameOverrun[32] = static_cast<char>(200);
+  return w.Finish(w.Dir(
+      {tooShort, W::Record(data, 1, 0, "H;1", W::Nm("hidden-by-short")), "",
+       W::Record(0x7FFFFFF0, 100, 0, "P;1", W::Nm("pastend")),
+       W::Record(data, 1, 0, "L;1", W::Nm("loop") + W::Ce(loop, 0, 28)),
+       W::Record(data, 1, 0, "D;1", W::Nm("..")), W::Record(data, 1, 0, "A/B;1"), nameOverrun,
+       W::Record(0x7FFFFFF0, 2048, W::kDirectory, "SUBDIR", W::Nm("subdir")),
+       W::Record(data, 3, 0, "G1;1", W::Nm("Good-One")), W::Record(data, 2, 0, "G2;1", W::Nm("g2")),
+       W::Record(data, kDiscInfoSize, 0, "DISCINFO.;1", W::Nm(".discinfo"))},
+      true));
 }
 
 }  // namespace attacks
