@@ -1,21 +1,14 @@
-// libcrypto's SHA256_* functions are deprecated in OpenSSL 3 in favour of
-// EVP, but they are the allocation-free interface to the same block code;
-// the header says why that matters here.
-#define OPENSSL_SUPPRESS_DEPRECATED 1
-
 #include "platform/crypto/cryptoHash.h"
 
-#include <openssl/crypto.h>
-#include <openssl/sha.h>
+#include <openssl/evp.h>
 
 namespace {
 
-static_assert(sizeof(SHA256_CTX) <= sizeof(CryptoHashContext::state) &&
-                  alignof(SHA256_CTX) <= alignof(CryptoHashContext),
-              "CryptoHashContext::state must hold libcrypto's SHA-256 state");
-
-SHA256_CTX *State(CryptoHashContext *ctx) {
-  return reinterpret_cast<SHA256_CTX *>(ctx->state);
+// Fetched once: an implicit fetch on every Init would look the method up
+// again each time.
+const EVP_MD *Sha256() {
+  static EVP_MD *const md = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+  return md;
 }
 
 }  // namespace
@@ -28,27 +21,37 @@ CryptoError CryptoHash_InitSHA256(CryptoHashContext *ctx) {
   if (ctx == nullptr) {
     return CRYPTO_ERROR_BAD_PARAMETER;
   }
-  return SHA256_Init(State(ctx)) == 1 ? CRYPTO_ERROR_SUCCESS : CRYPTO_ERROR_OPERATION_FAILED;
+  if (ctx->evp == nullptr) {
+    ctx->evp = EVP_MD_CTX_new();
+  }
+  const EVP_MD *md = Sha256();
+  return ctx->evp != nullptr && md != nullptr && EVP_DigestInit_ex2(ctx->evp, md, nullptr) == 1
+             ? CRYPTO_ERROR_SUCCESS
+             : CRYPTO_ERROR_OPERATION_FAILED;
 }
 
 CryptoError CryptoHash_UpdateSHA256(CryptoHashContext *ctx, const void *bytes, size_t length) {
-  if (ctx == nullptr || (bytes == nullptr && length != 0)) {
+  if (ctx == nullptr || ctx->evp == nullptr || (bytes == nullptr && length != 0)) {
     return CRYPTO_ERROR_BAD_PARAMETER;
   }
-  return SHA256_Update(State(ctx), bytes, length) == 1 ? CRYPTO_ERROR_SUCCESS
-                                                       : CRYPTO_ERROR_OPERATION_FAILED;
+  return EVP_DigestUpdate(ctx->evp, bytes, length) == 1 ? CRYPTO_ERROR_SUCCESS
+                                                        : CRYPTO_ERROR_OPERATION_FAILED;
 }
 
 CryptoError CryptoHash_FinalSHA256(CryptoHashContext *ctx, uint8_t digest[kCryptoHashSHA256Size]) {
-  if (ctx == nullptr || digest == nullptr) {
+  if (ctx == nullptr || ctx->evp == nullptr || digest == nullptr) {
     return CRYPTO_ERROR_BAD_PARAMETER;
   }
-  return SHA256_Final(digest, State(ctx)) == 1 ? CRYPTO_ERROR_SUCCESS
-                                               : CRYPTO_ERROR_OPERATION_FAILED;
+  unsigned int size = 0;
+  return EVP_DigestFinal_ex(ctx->evp, digest, &size) == 1 && size == kCryptoHashSHA256Size
+             ? CRYPTO_ERROR_SUCCESS
+             : CRYPTO_ERROR_OPERATION_FAILED;
 }
 
 void CryptoHash_Release(CryptoHashContext *ctx) {
   if (ctx != nullptr) {
-    OPENSSL_cleanse(ctx->state, sizeof ctx->state);
+    // The digest's own state is cleared as libcrypto frees it.
+    EVP_MD_CTX_free(ctx->evp);
+    ctx->evp = nullptr;
   }
 }

@@ -1,18 +1,17 @@
 /*
  * Host hashing over OpenSSL's libcrypto: streaming SHA-256 (FIPS 180-4).
  *
- * A CryptoHashContext carries one digest computation at a time and holds
- * its whole state inline: Init, Update and Final never allocate, so a
- * caller hashing thousands of short messages (the password hash runs one
- * digest per round) pays only for the hashing. libcrypto's block function
- * picks the CPU's SHA instructions where there are any. (Its EVP layer
- * would allocate provider state on every Init and costs about twice as
- * much per short message; bench_crypt shows the difference.)
+ * A CryptoHashContext carries one digest computation at a time over
+ * libcrypto's EVP interface, whose SHA-256 uses the CPU's SHA instructions
+ * where there are any. The digest method is fetched once per process and
+ * the EVP context is made on first use and reused, so a caller hashing
+ * thousands of short messages (the password hash runs one digest per
+ * round) keeps one context for all of them.
  *
- * The context is a plain value: declare one, Init it, and reuse it for as
- * many computations as needed. The state may hold secret input, so the
- * destructor wipes it; procedural code that keeps a context in longer-
- * lived memory calls CryptoHash_Release when done with it.
+ * Declare a context, Init it, and reuse it for as many computations as
+ * needed. Its state may hold secret input: the destructor wipes and frees
+ * it, and procedural code that keeps a context in longer-lived memory calls
+ * CryptoHash_Release when done with it.
  *
  * Errors come back as CryptoError values, never as exceptions or log
  * lines: the callers decide what a failed hash means for them. After a
@@ -33,15 +32,15 @@ enum CryptoError {
   CRYPTO_ERROR_BAD_PARAMETER = 2,    /* a null pointer where data was needed */
 };
 
+struct evp_md_ctx_st;
+
 /* Size in bytes of a SHA-256 digest. */
 constexpr size_t kCryptoHashSHA256Size = 32;
 
 /* One digest computation's state; Init before first use. Not copyable:
  * copies of secret state are easy to forget to wipe. */
 struct CryptoHashContext {
-  // libcrypto's SHA-256 state, kept opaque so this header needs none of
-  // libcrypto's declarations (its size is checked where it is used).
-  alignas(8) unsigned char state[112];
+  evp_md_ctx_st *evp = nullptr;  // made by the first Init
 
   CryptoHashContext() = default;
   CryptoHashContext(const CryptoHashContext &) = delete;
@@ -59,8 +58,8 @@ CryptoError CryptoHash_UpdateSHA256(CryptoHashContext *ctx, const void *bytes, s
  * context then needs a new Init before it hashes again. */
 CryptoError CryptoHash_FinalSHA256(CryptoHashContext *ctx, uint8_t digest[kCryptoHashSHA256Size]);
 
-/* Wipes the context's state; it needs a new Init before further use.
- * Safe on null. */
+/* Wipes and frees the context's state; it needs a new Init before further
+ * use. Safe on null. */
 void CryptoHash_Release(CryptoHashContext *ctx);
 
 #endif
