@@ -144,7 +144,8 @@ GUESTPREP_API AutoInstallTextStatus AutoInstallValidateLinuxText(const GuessInfo
  * be written into the format without changing its meaning (a control
  * character or invalid UTF-8 in the full name, a user name that is empty,
  * starts with "-", is longer than 32 characters or holds more than a-z,
- * 0-9 and "-"). Every text the validators accept is written so that the
+ * 0-9 and "-", a password of 512 bytes or more, which the guest's crypt()
+ * would refuse to check). Every text the validators accept is written so that the
  * installer reads back exactly the text given: "$", "@", backquotes and
  * "]]>" are escaped as each format needs. (A double quote, which the
  * validators refuse in a full name, is written with a backslash before

@@ -97,8 +97,15 @@ constexpr const char kUserNameForm[] =
     "lowercase US English characters, numbers 0 to 9 and dashes, and must not start with a "
     "dash.\nEnter a new value.";
 
+constexpr const char kPasswordLength[] =
+    "@&!*@*@(msg.autoinstall.password_length)The password must be shorter than 512 "
+    "characters.\nEnter a new value.";
+
 // The longest user name the account tools of every family accept.
 constexpr size_t kMaxUserName = 32;
+// The guests' crypt() refuses to check longer passwords: the account could
+// never log in.
+constexpr size_t kMaxPassword = 511;
 
 AutoInstallTextStatus Refuse(AutoInstallTextStatus status, const char *msg, char **message) {
   if (message != nullptr) {
@@ -276,6 +283,9 @@ const char *AnswerTextProblem(AutoInstallTextKind kind, std::string_view text) {
     }
     return gp::IsValidUtf8(text) ? nullptr : kFullNameEncoding;
   }
+  if (kind == AUTOINSTALL_TEXT_KIND_PASSWORD && text.size() > kMaxPassword) {
+    return kPasswordLength;
+  }
   return nullptr;
 }
 
@@ -295,7 +305,9 @@ bool AutoInstall_PrepareAnswerFileEx_Linux(const char *osKey, GuessVersion versi
     return false;
   }
   if (AnswerTextProblem(AUTOINSTALL_TEXT_KIND_SHORT_NAME, userName) != nullptr ||
-      AnswerTextProblem(AUTOINSTALL_TEXT_KIND_NAME, fullName) != nullptr) {
+      AnswerTextProblem(AUTOINSTALL_TEXT_KIND_NAME, fullName) != nullptr ||
+      AnswerTextProblem(AUTOINSTALL_TEXT_KIND_PASSWORD, userPassword) != nullptr ||
+      AnswerTextProblem(AUTOINSTALL_TEXT_KIND_PASSWORD, rootPassword) != nullptr) {
     return false;
   }
   std::string dir = outDir;

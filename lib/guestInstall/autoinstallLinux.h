@@ -94,8 +94,9 @@ std::string CdataText(std::string_view text);
 // Why a text cannot be written into the family's answer file without
 // changing its meaning, as a message string for Msg_GetString, or null
 // when it can. Checks what the validators leave open: control characters
-// and invalid UTF-8 in the full name, and a user name that is empty,
-// starts with "-", is over 32 characters or holds more than a-z, 0-9, "-".
+// and invalid UTF-8 in the full name, a user name that is empty, starts
+// with "-", is over 32 characters or holds more than a-z, 0-9, "-", and a
+// password of 512 bytes or more (the guests' crypt() refuses to check it).
 const char *AnswerTextProblem(AutoInstallTextKind kind, std::string_view text);
 
 // Where the salt's seed comes from: time() unless a test fixes the clock.

@@ -122,13 +122,8 @@ void ExpectBashSyntax(const std::string &script, const std::string &what) {
   EXPECT_EQ(r.exitCode, 0) << what << ":\n" << r.output << "\n" << script;
 }
 
-// libcrypt refuses passphrases of 512 bytes and more (CRYPT_MAX_PASSPHRASE_SIZE),
-// as the installed guest's would; such hashes have no reference here.
 void ExpectHashOf(const std::string &hash, const std::string &password) {
   ASSERT_EQ(hash.rfind("$5$", 0), 0u) << "not a SHA-256 crypt hash: " << hash;
-  if (password.size() >= CRYPT_MAX_PASSPHRASE_SIZE) {
-    return;
-  }
   crypt_data data{};
   const char *again = crypt_r(password.c_str(), hash.c_str(), &data);
   ASSERT_NE(again, nullptr);
@@ -137,7 +132,7 @@ void ExpectHashOf(const std::string &hash, const std::string &password) {
 
 /* Readers */
 
-// Loads a preseed file into a scratch debconf database, as the installer
+// Checks and loads a preseed file into a scratch debconf database, as the installer
 // loads it, and reads the named answers back (hex-encoded by perl, so every
 // byte comes back as debconf has it). The system's own database is never
 // touched. A missing question reads as nullopt.
@@ -154,6 +149,12 @@ std::map<std::string, std::optional<std::string>> DebconfAnswers(
                 (db / "templates.dat").string() + "\n");
   const std::string rc = "DEBCONF_SYSTEMRC=" + conf.string();
   std::map<std::string, std::optional<std::string>> answers;
+  // Even --checkonly opens the database: a scratch one, so parallel runs
+  // do not wait on the system's lock.
+  const auto check =
+      RunCommand({"env", rc, "debconf-set-selections", "--checkonly", preseed.string()});
+  EXPECT_EQ(check.exitCode, 0) << check.output;
+  EXPECT_EQ(check.output, "");
   const auto load = RunCommand({"env", rc, "debconf-set-selections", preseed.string()});
   EXPECT_EQ(load.exitCode, 0) << load.output;
   EXPECT_EQ(load.output, "");
@@ -228,10 +229,6 @@ std::optional<MandrivaValues> EvaluateMandriva(const fs::path &cfg) {
 // written; ubiquity's and debian-installer's script are the same and both
 // parse, as does the rc.local they compose.
 void CheckPreseed(const fs::path &file, const Texts &t) {
-  const auto check = RunCommand({"debconf-set-selections", "--checkonly", file.string()});
-  EXPECT_EQ(check.exitCode, 0) << check.output;
-  EXPECT_EQ(check.output, "");
-
   const auto a = DebconfAnswers(
       file, {"passwd/user-password-crypted", "ubiquity/success_command", "preseed/late_command"});
   ASSERT_EQ(a.size(), 3u);
@@ -461,8 +458,9 @@ class AnswerFileHostileTest : public AnswerFileTest, public ::testing::WithParam
     const Hostile &h = GetParam();
     Texts t;
     t.fullName = h.isName ? h.text : kFullName;
-    t.userPassword = h.text;
-    t.rootPassword = "root " + h.text;
+    // Passwords stop short of the 512 bytes the guests' crypt() checks.
+    t.userPassword = h.text.substr(0, 500);
+    t.rootPassword = "root " + h.text.substr(0, 500);
     return t;
   }
 };

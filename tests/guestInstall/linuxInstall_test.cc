@@ -218,6 +218,10 @@ TEST(LinuxInstall, WriterRefusesWhatItCannotWriteFaithfully) {
                                                      "pw", "root", false, false));
   EXPECT_FALSE(AutoInstall_PrepareAnswerFileEx_Linux("rhel7-64", 0, dir.str().c_str(), "ann", "Ann",
                                                      "pw", nullptr, false, false));
+  // The guests' crypt() would refuse to check a password this long.
+  const std::string longPassword(512, 'p');
+  EXPECT_FALSE(AutoInstall_PrepareAnswerFileEx_Linux("rhel7-64", 0, dir.str().c_str(), "ann", "Ann",
+                                                     "pw", longPassword.c_str(), false, false));
   EXPECT_TRUE(std::filesystem::is_empty(dir.path()));
 }
 
