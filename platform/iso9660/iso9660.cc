@@ -1381,26 +1381,25 @@ Status ReadFileRange(Iso9660Volume &vol, const Iso9660File &file, uint64_t offse
   return {};
 }
 
-Status CheckDir(const Iso9660Volume *volume, const Iso9660Dir *dir) {
+// A directory or file handle, and the volume it must come from.
+template <typename Handle>
+Status CheckHandle(const Iso9660Volume *volume, const Handle *handle, const char *what) {
   Status s = CheckVolume(volume);
   if (!s.ok()) {
     return s;
   }
-  if (dir == nullptr || dir->owner != volume) {
-    return Fail(ISO9660_ERR_INVALID_ARG, "directory handle does not belong to this volume");
+  if (handle == nullptr || handle->owner != volume) {
+    return Fail(ISO9660_ERR_INVALID_ARG, "%s handle does not belong to this volume", what);
   }
   return {};
 }
 
+Status CheckDir(const Iso9660Volume *volume, const Iso9660Dir *dir) {
+  return CheckHandle(volume, dir, "directory");
+}
+
 Status CheckFile(const Iso9660Volume *volume, const Iso9660File *file) {
-  Status s = CheckVolume(volume);
-  if (!s.ok()) {
-    return s;
-  }
-  if (file == nullptr || file->owner != volume) {
-    return Fail(ISO9660_ERR_INVALID_ARG, "file handle does not belong to this volume");
-  }
-  return {};
+  return CheckHandle(volume, file, "file");
 }
 
 }  // namespace

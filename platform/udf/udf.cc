@@ -590,25 +590,35 @@ bool LoadEntry(UDFVolume *vol, Addr icb, Entry *entry, Error *err) {
   return ParseAds(vol, entry, adType, ads, lAd, err);
 }
 
+// The structure at icb through a volume cache: loaded once; a damaged one
+// is remembered, so later lookups fail without rereading it.
+template <typename T, typename Load>
+std::shared_ptr<const T> CachedLoad(LruCache<T> &cache, Addr icb, const char *what, Load load,
+                                    Error *err) {
+  if (const auto *hit = cache.Find(icb)) {
+    if (*hit == nullptr) {
+      Fail(err, "%s at block %u of partition %u is damaged", what, icb.block, icb.part);
+    }
+    return *hit;
+  }
+  auto value = std::make_shared<T>();
+  if (!load(value.get())) {
+    cache.Put(icb, nullptr, kDamagedCost);
+    return nullptr;
+  }
+  cache.Put(icb, value, value->Cost());
+  return value;
+}
+
 // The entry at icb (an address the image gave), through the volume's cache.
 std::shared_ptr<const Entry> GetEntry(UDFVolume *vol, Addr icb, Error *err) {
   if (icb.part >= vol->mapCount) {
     Fail(err, "entry refers to partition %u of %zu", icb.part, vol->mapCount);
     return nullptr;
   }
-  if (const auto *hit = vol->entries.Find(icb)) {
-    if (*hit == nullptr) {
-      Fail(err, "file entry at block %u of partition %u is damaged", icb.block, icb.part);
-    }
-    return *hit;
-  }
-  auto entry = std::make_shared<Entry>();
-  if (!LoadEntry(vol, icb, entry.get(), err)) {
-    vol->entries.Put(icb, nullptr, kDamagedCost);
-    return nullptr;
-  }
-  vol->entries.Put(icb, entry, entry->Cost());
-  return entry;
+  return CachedLoad(
+      vol->entries, icb, "file entry",
+      [&](Entry *entry) { return LoadEntry(vol, icb, entry, err); }, err);
 }
 
 // Checked by the caller: the range lies inside the file.
@@ -770,19 +780,9 @@ bool LoadDirectory(UDFVolume *vol, Addr icb, DirData *out, Error *err) {
 // The directory at icb (an address the image gave), through the volume's
 // cache.
 std::shared_ptr<const DirData> GetDir(UDFVolume *vol, Addr icb, Error *err) {
-  if (const auto *hit = vol->dirs.Find(icb)) {
-    if (*hit == nullptr) {
-      Fail(err, "directory at block %u of partition %u is damaged", icb.block, icb.part);
-    }
-    return *hit;
-  }
-  auto dir = std::make_shared<DirData>();
-  if (!LoadDirectory(vol, icb, dir.get(), err)) {
-    vol->dirs.Put(icb, nullptr, kDamagedCost);
-    return nullptr;
-  }
-  vol->dirs.Put(icb, dir, dir->Cost());
-  return dir;
+  return CachedLoad(
+      vol->dirs, icb, "directory", [&](DirData *dir) { return LoadDirectory(vol, icb, dir, err); },
+      err);
 }
 
 std::vector<std::string_view> SplitPath(std::string_view path) {
