@@ -31,6 +31,8 @@ using namespace testing_support;
 
 namespace {
 
+using testing_support::PrintTo;  // parameters print as their label
+
 struct Node {
   uint64_t size = 0;
   bool dir = false;
@@ -41,57 +43,6 @@ using Listing = std::map<std::string, Node>;
 
 std::ostream &operator<<(std::ostream &os, const Node &n) {
   return os << (n.dir ? "dir " : "file ") << n.size;
-}
-
-// Reads a whole file the way the detection layer does: 2048-byte chunks
-// until ISO9660_EOF.
-std::string ReadWhole(Iso9660Volume *vol, const Iso9660DirEntry &entry) {
-  Iso9660File *file = nullptr;
-  EXPECT_EQ(ISO9660_OK, Iso9660_OpenFile(vol, &entry, &file)) << entry.name;
-  std::string out;
-  char buf[2048];
-  Iso9660Result rc = file != nullptr ? ISO9660_OK : ISO9660_ERR_NOT_FOUND;
-  for (uint32_t len = sizeof buf; rc == ISO9660_OK; len = sizeof buf) {
-    rc = Iso9660_ReadFile(vol, file, buf, &len);
-    out.append(buf, len);  // nothing at the end
-  }
-  EXPECT_EQ(ISO9660_EOF, rc) << entry.name;
-  EXPECT_EQ(file != nullptr ? ISO9660_OK : ISO9660_ERR_INVALID_ARG, Iso9660_CloseFile(vol, file));
-  return out;
-}
-
-// Every path below dir ("" for the root), with the files' contents.
-void Walk(Iso9660Volume *vol, const std::string &dir, Listing *listing,
-          std::map<std::string, std::string> *contents, int depth = 0) {
-  ASSERT_LT(depth, 40);
-  Iso9660Dir *handle = nullptr;
-  ASSERT_EQ(ISO9660_OK, Iso9660_OpenDir(vol, dir.c_str(), &handle)) << dir;
-  auto entry = std::make_unique<Iso9660DirEntry>();
-  Iso9660Result rc;
-  while ((rc = Iso9660_ReadDir(vol, handle, entry.get())) == ISO9660_OK) {
-    std::string path = dir.empty() ? entry->name : dir + "/" + entry->name;
-    bool isDir = entry->flags & ISO9660_ENTRY_DIRECTORY;
-    EXPECT_TRUE(listing->emplace(path, Node{entry->size64, isDir, {}}).second) << "twice: " << path;
-    EXPECT_EQ(entry->size64 > UINT32_MAX ? 0xFFFFFFFFu : entry->size64, entry->size);
-    if (isDir) {
-      Walk(vol, path, listing, contents, depth + 1);
-    } else {
-      (*contents)[path] = ReadWhole(vol, *entry);
-    }
-  }
-  EXPECT_EQ(ISO9660_EOF, rc) << dir;
-  EXPECT_EQ(ISO9660_OK, Iso9660_CloseDir(vol, handle));
-}
-
-Listing SourceListing(const fs::path &root, std::map<std::string, std::string> *contents) {
-  Listing out;
-  for (const auto &it : fs::recursive_directory_iterator(root)) {
-    std::string rel = fs::relative(it.path(), root).string();
-    bool dir = it.is_directory();
-    out[rel] = Node{dir ? 0 : static_cast<uint64_t>(it.file_size()), dir, {}};
-    (*contents)[rel] = dir ? "" : ReadFile(it.path());
-  }
-  return out;
 }
 
 // ";1" and a trailing dot are not part of a primary name.
@@ -214,10 +165,16 @@ TEST_P(MasteredImage, ListingAndContentsMatchTheToolsView) {
   ASSERT_EQ(ISO9660_OK, Iso9660_ListFormats(image.c_str(), &formats));
   EXPECT_EQ(c.expectFormats, formats);
   Listing ours;
-  std::map<std::string, std::string> ourContents;
+  std::map<std::string, std::string> tree;  // as Snapshot shows a host tree
   IsoVolume vol(image, c.request);
   ASSERT_NE(nullptr, vol.v);
-  Walk(vol, "", &ours, &ourContents);
+  auto seen = [&](const std::string &path, const Iso9660DirEntry &e, const std::string &data) {
+    bool isDir = e.flags & ISO9660_ENTRY_DIRECTORY;
+    EXPECT_TRUE(ours.emplace(path, Node{e.size64, isDir, {}}).second) << "twice: " << path;
+    EXPECT_EQ(e.size64 > UINT32_MAX ? 0xFFFFFFFFu : e.size64, e.size) << path;
+    tree[path] = isDir ? "d" : SnapshotFile(data);
+  };
+  EXPECT_EQ(ISO9660_OK, WalkIso(vol, "", seen));
 
   Listing theirs = IsoinfoListing(image, c.nameSpace);
   std::string ns = c.nameSpace;
@@ -237,24 +194,14 @@ TEST_P(MasteredImage, ListingAndContentsMatchTheToolsView) {
   }
   if (ns == "-R" || ns == "-J") {
     // Rock Ridge and Joliet keep the source names: the same tree, the same bytes.
-    std::map<std::string, std::string> srcContents;
-    Listing source = SourceListing(src, &srcContents);
-    ours.erase("rr_moved");
-    ASSERT_EQ(source.size(), ours.size());
-    for (const auto &[path, node] : source) {
-      ASSERT_EQ(1u, ours.count(path)) << path;
-      EXPECT_EQ(node.dir, ours[path].dir) << path;
-      if (!node.dir) {
-        EXPECT_EQ(node.size, ours[path].size) << path;
-        EXPECT_TRUE(srcContents[path] == ourContents[path]) << path;
-      }
-    }
+    tree.erase("rr_moved");
+    EXPECT_EQ(Snapshot(src), tree);
   }
   // isoinfo's bytes for a few files, by the names it lists.
   int checked = 0;
   for (const auto &[path, node] : theirs) {
     if (!node.dir && path.find("many") == std::string::npos) {
-      EXPECT_TRUE(Isoinfo({"-i", image, "-x", node.raw}, ns) == ourContents[path]) << path;
+      EXPECT_EQ(SnapshotFile(Isoinfo({"-i", image, "-x", node.raw}, ns)), tree[path]) << path;
       ++checked;
     }
   }
@@ -387,7 +334,9 @@ TEST_F(Iso9660Small, OpenWithReaderOwnsTheHandleOnceOpen) {
     }
     Iso9660DirEntry entry;
     ASSERT_EQ(ISO9660_OK, Iso9660_Stat(vol, "isolinux/isolinux.cfg", &entry));
-    EXPECT_EQ(ReadFile(kTree / "isolinux/isolinux.cfg"), ReadWhole(vol, entry));
+    std::string data;
+    EXPECT_EQ(ISO9660_OK, ReadIsoFile(vol, entry, &data));
+    EXPECT_EQ(ReadFile(kTree / "isolinux/isolinux.cfg"), data);
     EXPECT_EQ(0, st.closes);
     EXPECT_EQ(closeFails ? ISO9660_ERR_IO : ISO9660_OK, Iso9660_Close(vol));
     EXPECT_EQ(1, st.closes);

@@ -1,5 +1,6 @@
 // Helpers shared by the image reader suites: mastering with the real tools,
-// in-memory and failing readers, and snapshots of host trees.
+// walking an ISO 9660 volume, in-memory and failing readers, and snapshots
+// of host trees.
 #ifndef GUESTPREP_TESTS_IMAGEFIXTURES_H
 #define GUESTPREP_TESTS_IMAGEFIXTURES_H
 
@@ -53,6 +54,49 @@ struct IsoVolume {
   operator Iso9660Volume *() const { return v; }
 };
 
+// Reads a file to its end in 2048-byte chunks, the way detection does; the
+// first failure, or ISO9660_OK.
+inline Iso9660Result ReadIsoFile(Iso9660Volume *vol, const Iso9660DirEntry &entry,
+                                 std::string *out = nullptr) {
+  Iso9660File *file = nullptr;
+  Iso9660Result rc = Iso9660_OpenFile(vol, &entry, &file);
+  char buf[2048];
+  for (uint32_t len = sizeof buf; rc == ISO9660_OK; len = sizeof buf) {
+    rc = Iso9660_ReadFile(vol, file, buf, &len);
+    if (out != nullptr) {
+      out->append(buf, len);  // nothing at the end
+    }
+  }
+  Iso9660Result closed = file != nullptr ? Iso9660_CloseFile(vol, file) : ISO9660_OK;
+  return rc == ISO9660_EOF ? closed : rc;
+}
+
+// Lists and reads everything below path ("" for the root), handing seen
+// each entry with its path and, for a file, its bytes; deeper than depth
+// levels is ISO9660_ERR_LIMIT. The first failure, or ISO9660_OK.
+using IsoSeen =
+    std::function<void(const std::string &, const Iso9660DirEntry &, const std::string &)>;
+inline Iso9660Result WalkIso(Iso9660Volume *vol, const std::string &path, const IsoSeen &seen = {},
+                             int depth = 40) {
+  Iso9660Dir *dir = nullptr;
+  Iso9660Result rc = Iso9660_OpenDir(vol, path.c_str(), &dir), first = rc;
+  auto e = std::make_unique<Iso9660DirEntry>();
+  while (dir != nullptr && (rc = Iso9660_ReadDir(vol, dir, e.get())) != ISO9660_EOF) {
+    if (rc == ISO9660_OK) {
+      std::string child = path.empty() ? e->name : path + "/" + e->name, data;
+      rc = !(e->flags & ISO9660_ENTRY_DIRECTORY) ? ReadIsoFile(vol, *e, &data)
+           : depth > 0                           ? WalkIso(vol, child, seen, depth - 1)
+                                                 : ISO9660_ERR_LIMIT;
+      if (seen) {
+        seen(child, *e, data);
+      }
+    }
+    first = first == ISO9660_OK ? rc : first;
+  }
+  Iso9660Result closed = dir != nullptr ? Iso9660_CloseDir(vol, dir) : ISO9660_OK;
+  return first == ISO9660_OK ? closed : first;
+}
+
 // A reader over a string that must outlive it.
 inline std::unique_ptr<gp::ImageReader> MemoryReader(const std::string &img) {
   return gp::MakeMemoryImageReader(
@@ -75,6 +119,14 @@ class FailingReader : public gp::ImageReader {
   int left_;
 };
 
+// A file's bytes as Snapshot shows them: large files by size and hash, to
+// stay readable.
+inline std::string SnapshotFile(const std::string &data) {
+  return data.size() <= 64 ? "f:" + data
+                           : "f:" + std::to_string(data.size()) + "#" +
+                                 std::to_string(std::hash<std::string>{}(data));
+}
+
 // Everything below root (links not followed), optionally minus one subtree:
 // "d" for a directory, "f:" + bytes (or size#hash) for a file, "l:" + target
 // for a link.
@@ -95,10 +147,7 @@ inline std::map<std::string, std::string> Snapshot(const std::filesystem::path &
     } else if (it->is_directory()) {
       out[rel] = "d";
     } else {
-      std::string data = ReadFile(p);  // large files by size and hash, to stay readable
-      out[rel] = data.size() <= 64 ? "f:" + data
-                                   : "f:" + std::to_string(data.size()) + "#" +
-                                         std::to_string(std::hash<std::string>{}(data));
+      out[rel] = SnapshotFile(ReadFile(p));
     }
   }
   return out;
