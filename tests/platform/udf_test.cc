@@ -287,9 +287,8 @@ TEST_P(UdfCrafted, ListsAndReads) {
   ASSERT_NE(vol, nullptr) << log.all();
   UDFDir *root = UDF_OpenDir(vol, nullptr, "/");
   ASSERT_NE(root, nullptr) << log.all();
-  EXPECT_EQ(
-      Walk(vol, root),
-      (Tree{{"data.bin", gp::udf::FileValue(data)}, {"Ünïcödé.txt", "f:name"}, {"sub", "d"}}));
+  EXPECT_EQ(Walk(vol, root),
+            (Tree{{"data.bin", SnapshotFile(data)}, {"Ünïcödé.txt", "f:name"}, {"sub", "d"}}));
   UDF_CloseDir(root);
   UDF_Close(vol);
   EXPECT_TRUE(log.lines().empty()) << log.all();

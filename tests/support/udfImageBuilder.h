@@ -22,6 +22,7 @@
 #include "platform/image/imageReader.h"
 #include "platform/udf/udf.h"
 #include "platform/udf/udfFormat.h"
+#include "support/imageFixtures.h"
 
 namespace gp::udf {
 
@@ -259,13 +260,6 @@ class ImageBuilder {
   bool meta_;
 };
 
-// A file as Snapshot shows it: "f:" and the bytes, or size#hash past 64.
-inline std::string FileValue(const std::string &data) {
-  return data.size() <= 64 ? "f:" + data
-                           : "f:" + std::to_string(data.size()) + "#" +
-                                 std::to_string(std::hash<std::string>{}(data));
-}
-
 // Everything the reader shows below root, in the form Snapshot gives a
 // host tree; "?" for an entry that does not open, or a file that does not
 // read whole (the first MiB) or whose listed size is not its size. At most
@@ -291,7 +285,9 @@ inline std::map<std::string, std::string> Walk(UDFVolume *vol, UDFDir *root, int
       std::string data(std::min<uint64_t>(size, 1 << 20), '\0');
       bool read = f != nullptr && UDF_PReadFile(f, data.data(), 0, data.size());
       UDF_CloseFile(f);
-      out[path] = read && size == data.size() && size == info.size ? FileValue(data) : "?";
+      out[path] = read && size == data.size() && size == info.size
+                      ? testing_support::SnapshotFile(data)
+                      : "?";
     }
   };
   walk(root, "");
