@@ -3,14 +3,9 @@
 // crypt(), the bounded base-64 writer, and the generated password hashes.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cctype>
 #include <cstring>
-#include <fstream>
-#include <ostream>
 #include <random>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -23,40 +18,10 @@ namespace {
 
 using answer_file_support::SystemCrypt;
 
-struct Row {
-  int line = 0;
-  std::vector<std::string> fields;  // "" in the file is the empty text
-};
-void PrintTo(const Row &row, std::ostream *os) {
-  *os << "line " << row.line;
-}
-
-std::vector<Row> ReadTable(const char *name, size_t columns) {
-  std::ifstream in(testing_support::DataDir() / "crypt" / name);
-  std::vector<Row> rows;
-  std::string text;
-  for (int line = 1; std::getline(in, text); ++line) {
-    if (text.empty() || text[0] == '#') {
-      continue;
-    }
-    Row row{line, {}};
-    std::stringstream cells(text);
-    for (std::string cell; std::getline(cells, cell, '\t');) {
-      row.fields.push_back(cell == "\"\"" ? "" : cell);
-    }
-    row.fields.resize(columns);  // a short row fails its test, not the load
-    rows.push_back(row);
-  }
-  return rows;
-}
-
-// "L<line>_" and the first field with everything but letters and digits
-// as "_": the row is easy to find in its file.
-std::string RowName(const testing::TestParamInfo<Row> &info) {
-  std::string name = "L" + std::to_string(info.param.line) + "_" + info.param.fields[0];
-  std::replace_if(
-      name.begin(), name.end(), [](char c) { return !isalnum(c & 0xff); }, '_');
-  return name.substr(0, 60);
+using testing_support::ReadTsv;
+using testing_support::TsvRow;
+std::string RowName(const testing::TestParamInfo<TsvRow> &info) {
+  return testing_support::TsvRowName(info.param);
 }
 
 std::string Crypt(const std::string &key, const std::string &setting) {
@@ -65,10 +30,10 @@ std::string Crypt(const std::string &key, const std::string &setting) {
   return hash != nullptr ? hash : "<null>";
 }
 
-class PublishedVector : public testing::TestWithParam<Row> {};
+class PublishedVector : public testing::TestWithParam<TsvRow> {};
 
 TEST_P(PublishedVector, Matches) {
-  const auto &f = GetParam().fields;  // key, setting, hash
+  const auto &f = GetParam().cells;  // key, setting, hash
   EXPECT_EQ(f[2], Crypt(f[0], f[1]));
   EXPECT_EQ(f[2], SystemCrypt(f[0], f[2]));  // the vector itself, as the system reads it back
   // A stored hash as the salt string gives it back, also from the output
@@ -78,19 +43,19 @@ TEST_P(PublishedVector, Matches) {
   EXPECT_STREQ(f[2].c_str(), SHA256_crypt(f[0].c_str(), buffer, buffer, sizeof buffer));
 }
 INSTANTIATE_TEST_SUITE_P(SHA256Crypt, PublishedVector,
-                         testing::ValuesIn(ReadTable("sha256-vectors.tsv", 3)), RowName);
+                         testing::ValuesIn(ReadTsv("crypt/sha256-vectors.tsv", 3)), RowName);
 
-class SaltString : public testing::TestWithParam<Row> {};
+class SaltString : public testing::TestWithParam<TsvRow> {};
 
 TEST_P(SaltString, Reads) {
-  const auto &f = GetParam().fields;
+  const auto &f = GetParam().cells;
   const autoinstall::CryptSetting s = autoinstall::ParseCryptSetting(f[0].c_str());
   EXPECT_EQ(f[1], std::to_string(s.rounds));
   EXPECT_EQ(f[2], s.customRounds ? "custom" : "default");
   EXPECT_EQ(f[3], s.salt);
 }
 INSTANTIATE_TEST_SUITE_P(SHA256Crypt, SaltString,
-                         testing::ValuesIn(ReadTable("sha256-settings.tsv", 4)), RowName);
+                         testing::ValuesIn(ReadTsv("crypt/sha256-settings.tsv", 4)), RowName);
 
 // Keys of every length from 0 to 64 bytes and salts from 0 to 19
 // characters, with and without a round count, hashed here and by the
@@ -134,10 +99,10 @@ TEST(SHA256Crypt, RefusesShortBuffersAndMissingArguments) {
   EXPECT_EQ(4, room);
 }
 
-class B64From24Bit : public testing::TestWithParam<Row> {};
+class B64From24Bit : public testing::TestWithParam<TsvRow> {};
 
 TEST_P(B64From24Bit, WritesWithinRoom) {
-  const auto &f = GetParam().fields;
+  const auto &f = GetParam().cells;
   char out[16];
   memset(out, '#', sizeof out);
   char *cp = out;
@@ -149,7 +114,7 @@ TEST_P(B64From24Bit, WritesWithinRoom) {
   EXPECT_EQ('#', *cp);  // nothing past what was counted
 }
 INSTANTIATE_TEST_SUITE_P(SHA256Crypt, B64From24Bit,
-                         testing::ValuesIn(ReadTable("b64-from-24bit.tsv", 7)), RowName);
+                         testing::ValuesIn(ReadTsv("crypt/b64-from-24bit.tsv", 7)), RowName);
 
 // A salt of 16 characters from crypt's alphabet, drawn again on every call
 // from the clock's second, in the one result buffer; null for null. The

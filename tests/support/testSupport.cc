@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -154,6 +155,37 @@ std::string Take(char *s) {
   std::string out = s == nullptr ? "<null>" : s;
   free(s);
   return out;
+}
+
+void PrintTo(const TsvRow &row, std::ostream *os) {
+  *os << "line " << row.line;
+}
+
+std::vector<TsvRow> ReadTsv(const std::string &path, size_t columns) {
+  std::ifstream in(DataDir() / path);
+  std::vector<TsvRow> rows;
+  std::string text;
+  for (int line = 1; std::getline(in, text); ++line) {
+    if (text.empty() || text[0] == '#') {
+      continue;
+    }
+    TsvRow row{line, {}};
+    std::stringstream cells(text);
+    for (std::string cell; std::getline(cells, cell, '\t');) {
+      row.cells.push_back(cell == "\"\"" ? "" : cell);
+    }
+    row.cells.resize(columns);
+    rows.push_back(row);
+  }
+  return rows;
+}
+
+std::string TsvRowName(const TsvRow &row) {
+  std::string name = "L" + std::to_string(row.line) + "_" + row.cells[0];
+  for (char &c : name) {
+    c = isalnum(static_cast<unsigned char>(c)) ? c : '_';
+  }
+  return name.substr(0, 60);
 }
 
 }  // namespace testing_support

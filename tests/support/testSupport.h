@@ -4,6 +4,7 @@
 #define GUESTPREP_TESTS_SUPPORT_H
 
 #include <filesystem>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -66,6 +67,23 @@ std::string ReadFile(const std::filesystem::path &path);
 
 // Directory of committed test inputs (tests/data).
 std::filesystem::path DataDir();
+
+// One row of a tab-separated table of expectations under tests/data: its
+// line number, for names and messages, and its cells ("" in the file is
+// the empty text).
+struct TsvRow {
+  int line = 0;
+  std::vector<std::string> cells;
+};
+void PrintTo(const TsvRow &row, std::ostream *os);
+
+// The rows of DataDir()/path, each cut or padded to columns cells (a short
+// row fails its test, not the load); blank lines and "#" lines skipped.
+std::vector<TsvRow> ReadTsv(const std::string &path, size_t columns);
+
+// A test name for a row: "L<line>_" and its first cell, every character
+// but letters and digits as "_".
+std::string TsvRowName(const TsvRow &row);
 
 }  // namespace testing_support
 
