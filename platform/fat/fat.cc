@@ -647,22 +647,30 @@ FATError FAT_CloseDirectory(FATDirectory *directory) {
   return FAT_OK;
 }
 
-FATError FAT_OpenFile(FATDirectory *directory, const char *name, FATFile **file) {
+// The shared start of opening and creating: checks the arguments and the
+// name, and finds the name in the root directory (*index -1 when absent).
+// shortName receives the name in its on-disk form.
+static FATError LookUpName(FATDirectory *directory, const char *name, FATFile **file,
+                           uint8_t shortName[11], std::vector<uint8_t> *root, int64_t *index) {
   if (directory == nullptr || name == nullptr || file == nullptr) {
     return Fail(FAT_ERR_INVALID_ARG, "null directory, name or file pointer");
   }
   *file = nullptr;
-  uint8_t shortName[11];
   if (!ToShortName(name, shortName)) {
     return FAT_ERR_BAD_NAME;
   }
-  FATVolume *vol = directory->volume;
+  return FindEntry(directory->volume, shortName, root, index);
+}
+
+FATError FAT_OpenFile(FATDirectory *directory, const char *name, FATFile **file) {
+  uint8_t shortName[11];
   std::vector<uint8_t> root;
   int64_t index;
-  FATError err = FindEntry(vol, shortName, &root, &index);
+  FATError err = LookUpName(directory, name, file, shortName, &root, &index);
   if (err != FAT_OK) {
     return err;
   }
+  FATVolume *vol = directory->volume;
   if (index < 0) {
     return FAT_ERR_NOT_FOUND;
   }
@@ -671,21 +679,14 @@ FATError FAT_OpenFile(FATDirectory *directory, const char *name, FATFile **file)
 }
 
 FATError FAT_CreateFile(FATDirectory *directory, const char *name, FATFile **file) {
-  if (directory == nullptr || name == nullptr || file == nullptr) {
-    return Fail(FAT_ERR_INVALID_ARG, "null directory, name or file pointer");
-  }
-  *file = nullptr;
   uint8_t shortName[11];
-  if (!ToShortName(name, shortName)) {
-    return FAT_ERR_BAD_NAME;
-  }
-  FATVolume *vol = directory->volume;
   std::vector<uint8_t> root;
   int64_t index;
-  FATError err = FindEntry(vol, shortName, &root, &index);
+  FATError err = LookUpName(directory, name, file, shortName, &root, &index);
   if (err != FAT_OK) {
     return err;
   }
+  FATVolume *vol = directory->volume;
   if (index >= 0) {
     return FAT_ERR_EXISTS;
   }
