@@ -175,6 +175,79 @@ GUESTPREP_API char *SHA256_crypt(const char *key, const char *salt, char *buffer
 GUESTPREP_API void b64_from_24bit(uint8_t b2, uint8_t b1, uint8_t b0, int32_t n, int32_t *buflen,
                                   char **cp);
 
+/* Floppy images.
+ *
+ * FATDirectory is an open directory of a FAT floppy image; the host
+ * support library opens and closes it. */
+typedef struct FATDirectory FATDirectory;
+
+/* Copies the host file srcPath into the floppy directory as name,
+ * replacing the contents of a file of that name. False (and one log line
+ * naming the failed step and its error) when the host file cannot be read
+ * or the image cannot take the file; a failed copy may leave a partial
+ * file in the image. */
+GUESTPREP_API bool AddFileToFloppyImg(FATDirectory *directory, const char *srcPath,
+                                      const char *name);
+
+/* Copies the file name of the floppy directory to the host path dstPath
+ * (created or truncated). False with one log line on failure; a failed copy
+ * may leave a partial host file, a missing source creates none. */
+GUESTPREP_API bool GetFileFromFloppyImg(FATDirectory *directory, const char *name,
+                                        const char *dstPath);
+
+/* Whether the guest's installer reads its answer file from a floppy:
+ * Ubuntu, SUSE, SLES 10 and Mandriva keys. */
+GUESTPREP_API bool AutoInstall_NeedsFloppy_Linux(const char *osKey);
+
+/* Builds floppyDir/"autoinst.flp" holding the answer file that
+ * AutoInstall_PrepareAnswerFileEx_Linux wrote into answerDir: a fresh
+ * 1.44 MB floppy for Ubuntu ("preseed.cfg"), a copy of templateDir/"suse.flp"
+ * (SUSE, SLES 10: "autoinst.xml") or templateDir/"mandriva.flp" (Mandriva:
+ * "auto_i~1.cfg") with the answer file added. True without doing anything
+ * for keys that need no floppy. False when the answer file is missing or a
+ * step fails (logged); a partial "autoinst.flp" may be left behind. */
+GUESTPREP_API bool AutoInstall_MakeFloppyImg_Linux(const char *answerDir, const char *floppyDir,
+                                                   const char *templateDir, const char *osKey);
+
+/* Copies the guest-tools upgrader payload from toolsDir into destDir under
+ * the short names the answer files' first-boot scripts rename back:
+ * "brimle-tools-upgrader-32" as "upgra32", "brimle-tools-upgrader-64" as
+ * "upgra64", "run_upgrader.sh" as "upgrade.sh". Stops at the first failed
+ * copy; true only when all three were copied. */
+GUESTPREP_API bool AutoInstall_AddTools_Linux(const char *destDir, const char *toolsDir);
+
+/* Boot-medium remastering */
+
+/* Stages the boot files of the install image isoPath for an unattended
+ * boot: the kernel and initial ramdisk of the first complete entry of its
+ * isolinux configuration, its isolinux.bin (or the file isolinuxBinPath
+ * when not null) with the boot loader's "ldlinux.c32" when there is one
+ * beside it, and a one-entry "isolinux.cfg" whose append line adds the
+ * family's answer-file arguments, all in stagingDir/"isolinux". An Ubuntu
+ * 20.10-or-later image (version GUESS_VERSION_UBUNTU_2010_OR_HIGHER) has
+ * no isolinux configuration; its casper kernel is staged and
+ * isolinuxBinPath is then required. Reports only by its result. For the
+ * Red Hat family write the kickstart file first: it sets the kernel
+ * argument. */
+GUESTPREP_API bool AutoInstall_ScanISO(const char *isoPath, const char *stagingDir,
+                                       const char *osKey, GuessVersion version,
+                                       const char *isolinuxBinPath);
+
+/* AutoInstall_ScanISO for a medium mounted or copied at the host directory
+ * mediumRoot; each failure is logged. */
+GUESTPREP_API bool AutoInstall_ScanDisk(const char *mediumRoot, const char *stagingDir,
+                                        const char *osKey, GuessVersion version,
+                                        const char *isolinuxBinPath);
+
+/* Masters stagingDir into the El Torito image outDir/"autoinst.iso" with
+ * the mkisofs-compatible tool at toolPath (genisoimage, xorrisofs), run
+ * through the shell, then deletes stagingDir whatever the outcome. A path
+ * holding a character the shell would read inside double quotes (a double
+ * quote, "$", a backquote, a backslash, a newline) is refused with a log
+ * line before anything runs. True exactly when the tool succeeded. */
+GUESTPREP_API bool AutoInstall_MasterISO(const char *stagingDir, const char *toolPath,
+                                         const char *outDir);
+
 /* Windows */
 
 /* The display name of one entry of a Windows medium's edition list (an entry
