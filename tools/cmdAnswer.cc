@@ -11,9 +11,7 @@
 #include "cli.h"
 #include "guestprep/autoinstall.h"
 #include "guestprep/guess.h"
-#include "lib/guessGuest/guessDetect.h"
 #include "lib/guestInstall/autoinstallLinux.h"
-#include "platform/image/imageReader.h"
 #include "platform/msg/msg.h"
 
 #include <openssl/crypto.h>
@@ -45,10 +43,6 @@ struct Secret {
   ~Secret() { OPENSSL_cleanse(text.data(), text.size()); }
 };
 
-void Fail(const std::string &what) {
-  fprintf(stderr, "guestprep: %s\n", cli::EscapeText(what).c_str());
-}
-
 // One password from a file, or from standard input for "-": the first line,
 // without its line ending. Standard input gives one line per "-" in turn.
 bool ReadPassword(const std::string &source, const char *option, Secret *out) {
@@ -59,13 +53,13 @@ bool ReadPassword(const std::string &source, const char *option, Secret *out) {
       text += static_cast<char>(c);
     }
     if (c == EOF && text.empty()) {
-      Fail(std::string(option) + ": no password on standard input");
+      cli::Fail(std::string(option) + ": no password on standard input");
       return false;
     }
   } else {
     std::ifstream in(source, std::ios::binary);
     if (!in) {
-      Fail(std::string(option) + ": cannot read " + source + ": " + strerror(errno));
+      cli::Fail(std::string(option) + ": cannot read " + source + ": " + strerror(errno));
       return false;
     }
     char buf[4096];
@@ -82,11 +76,11 @@ bool ReadPassword(const std::string &source, const char *option, Secret *out) {
     text.pop_back();
   }
   if (text.size() > kMaxPasswordBytes) {
-    Fail(std::string(option) + ": the password is longer than 64 KiB");
+    cli::Fail(std::string(option) + ": the password is longer than 64 KiB");
     return false;
   }
   if (text.find('\0') != std::string::npos) {
-    Fail(std::string(option) + ": the password holds a NUL byte");
+    cli::Fail(std::string(option) + ": the password holds a NUL byte");
     return false;
   }
   return true;
@@ -125,28 +119,9 @@ bool CheckTexts(const GuessInfo &info, const Secret &password, const Secret &roo
 
 int Run() {
   GuessInfo info;
-  gp::FirstDamageReporter damage;
-  const GuessResult result = guess::Detect(gOpt.image.c_str(), nullptr, &info, &damage);
-  if (result == GUESS_OPEN_FAILED) {
-    Fail(gOpt.image + ": " +
-         (damage.count() > 0 ? damage.first() : "cannot be opened as an installation image"));
-    return cli::kExitUsage;
-  }
-  if (result != GUESS_RECOGNIZED) {
-    Fail(gOpt.image + ": the guest OS this image installs is not recognised");
-    return cli::kExitFailure;
-  }
-  // The answer files and their checks go by the key that names the
-  // architecture.
-  info.osKey = Guess_GetOsKey(&info);
-  const LinuxInstallFamily family = AutoInstallGetLinuxFamily(info.osKey);
-  if (!AutoInstall_IsSupportedGuest(&info)) {
-    Fail(gOpt.image + ": " + info.osKey + " cannot be installed unattended");
-    return cli::kExitFailure;
-  }
-  if (family == LINUX_FAMILY_NONE) {
-    Fail(gOpt.image + ": " + info.osKey + ": this command writes Linux answer files only");
-    return cli::kExitFailure;
+  LinuxInstallFamily family;
+  if (int code = cli::DetectLinuxInstall(gOpt.image, &info, &family); code != cli::kExitOk) {
+    return code;
   }
 
   Secret password, rootPassword;
@@ -164,30 +139,19 @@ int Run() {
   if (!AutoInstall_PrepareAnswerFileEx_Linux(
           info.osKey, info.version, gOpt.outDir.c_str(), gOpt.user.c_str(), gOpt.fullName.c_str(),
           password.text.c_str(), rootPassword.text.c_str(), gOpt.powerOff, gOpt.nvme)) {
-    Fail("cannot write the answer file into " + gOpt.outDir);
+    cli::Fail(cli::FailedStep("cannot write the answer file into " + gOpt.outDir));
     return cli::kExitFailure;
   }
 
   const LinuxFamilyRow &row = LinuxFamilyTable[family];
-  const std::string path =
-      gOpt.outDir + (family == LINUX_FAMILY_UBUNTU ? "/custom/" : "/") + row.answerFileName;
   nlohmann::ordered_json j;
   j["image"] = gOpt.image;
   j["osKey"] = info.osKey;
   j["versionName"] = Guess_GetSubString(info.version);
-  j["answerFile"] = path;
+  j["answerFile"] = cli::AnswerFilePath(gOpt.outDir, family);
   j["kernelArgs"] = row.kernelArgs;
   j["needsFloppy"] = row.needsFloppy != 0;
-  if (gOpt.json) {
-    puts(j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
-  } else {
-    for (const auto &[key, value] : j.items()) {
-      const std::string shown = value.is_string()    ? value.get<std::string>()
-                                : value.is_boolean() ? (value.get<bool>() ? "yes" : "no")
-                                                     : value.dump();
-      printf("%-12s %s\n", (key + ":").c_str(), cli::EscapeText(shown).c_str());
-    }
-  }
+  cli::PrintRecord(j, gOpt.json);
   return cli::kExitOk;
 }
 

@@ -21,6 +21,7 @@ namespace {
 const cli::Command kCommands[] = {
     cli::kDetectCommand,
     cli::kAnswerCommand,
+    cli::kFloppyCommand,
 };
 
 // Without --log the library's lines are dropped: each command says what went
@@ -66,6 +67,7 @@ int Main(int argc, char **argv) {
             strerror(errno));
     return cli::kExitUsage;
   }
+  cli::RecordLibraryLog();
 
   for (const auto &[sub, run] : commands) {
     if (sub->parsed()) {

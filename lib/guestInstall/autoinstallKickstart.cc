@@ -308,6 +308,12 @@ KickstartChoice Choose(const autoinstall::AnswerInputs &in) {
 
 }  // namespace
 
+void autoinstall::SetKickstartKernelArgs(GuessVersion v) {
+  bool byDevice = v == GUESS_VERSION_FEDORA_17 || v == GUESS_VERSION_FEDORA_18 ||
+                  v == GUESS_VERSION_FEDORA_19_TO_20;
+  LinuxFamilyTable[LINUX_FAMILY_REDHAT].kernelArgs = byDevice ? kKsArgumentByDevice : kKsArgument;
+}
+
 std::optional<std::string> autoinstall::FormatKickstart(const AnswerInputs &in) {
   const KickstartChoice c = Choose(in);
   const GuessVersion v = in.version;
@@ -320,11 +326,7 @@ std::optional<std::string> autoinstall::FormatKickstart(const AnswerInputs &in) 
       v >= GUESS_VERSION_FEDORA_14_TO_16 && v <= GUESS_VERSION_FEDORA_29_OR_HIGHER ? "" : "#";
   const char *resolvedeps = c.legacy ? " --resolvedeps" : "";
 
-  LinuxFamilyTable[LINUX_FAMILY_REDHAT].kernelArgs = v == GUESS_VERSION_FEDORA_17 ||
-                                                             v == GUESS_VERSION_FEDORA_18 ||
-                                                             v == GUESS_VERSION_FEDORA_19_TO_20
-                                                         ? kKsArgumentByDevice
-                                                         : kKsArgument;
+  autoinstall::SetKickstartKernelArgs(v);
 
   const std::string fullName = ShellDoubleQuoted(in.fullName);
   return FillTemplate(

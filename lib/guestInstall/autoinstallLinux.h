@@ -72,6 +72,11 @@ struct AnswerInputs {
 // result). FormatKickstart also stores the kickstart kernel argument in
 // the Red Hat row of LinuxFamilyTable.
 std::optional<std::string> FormatKickstart(const AnswerInputs &in);
+
+// Sets the kickstart kernel argument of the Red Hat row for release v, as
+// writing a kickstart does; for remastering a medium whose kickstart was
+// written by an earlier process.
+void SetKickstartKernelArgs(GuessVersion v);
 std::optional<std::string> FormatPreseed(const AnswerInputs &in);
 std::optional<std::string> FormatAutoYast(const AnswerInputs &in);
 std::optional<std::string> FormatMandriva(const AnswerInputs &in);

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The CLI's contract: --help and --version succeed, usage errors exit 2; detect's
 # exit codes, one stderr line per bad image, and output no image can break;
-# answer's files, reasons and exit codes.
+# answer's files, reasons and exit codes; floppy and remaster.
 set -uo pipefail
 cli=$1
 data=${2:-}
@@ -115,6 +115,22 @@ assert j["kernelArgs"] == "ks=cdrom:/ks.cfg" and j["needsFloppy"] is False, j
     --full-name Ann --password-file "$work/pw" --out "$work/none"
   expect 2 "answer for random bytes" "$cli" answer "$work/random.bin" --user ann \
     --full-name Ann --password-file "$work/pw" --out "$work/none"
+
+  # floppy: none for Red Hat; Ubuntu's holds the preseed file, checked by
+  # fsck.fat and mtools; a missing answer file is one line and exit 1.
+  expect 0 "floppy for a Red Hat image" "$cli" floppy "$work/centos7.iso" --answer-dir "$work/out" \
+    --out "$work/flp"
+  [ ! -e "$work/flp/autoinst.flp" ] || { echo "FAIL: floppy made for a Red Hat image"; fail=1; }
+  xorriso -as mkisofs -quiet -R -J -o "$work/ubuntu.iso" "$data/media/deb-ubuntu2004" 2>/dev/null
+  expect 1 "floppy without an answer file" "$cli" floppy "$work/ubuntu.iso" --answer-dir "$work/out" \
+    --out "$work/flp"
+  "$cli" answer "$work/ubuntu.iso" --user ann --full-name Ann --password-file "$work/pw" \
+    --out "$work/ubuntu" >/dev/null &&
+    "$cli" floppy --json --os-key ubuntu-64 --answer-dir "$work/ubuntu" --out "$work/flp" |
+    grep -qF '"floppy":"'"$work"'/flp/autoinst.flp"' &&
+    fsck.fat -n "$work/flp/autoinst.flp" >/dev/null &&
+    mtype -i "$work/flp/autoinst.flp" ::preseed.cfg | cmp -s - "$work/ubuntu/custom/preseed.cfg" ||
+    { echo "FAIL: floppy for an Ubuntu answer directory"; fail=1; }
   rm -rf "$work"
 fi
 rm -f /tmp/cli.$$.out

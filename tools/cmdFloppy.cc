@@ -1,0 +1,165 @@
+// guestprep floppy: the install floppy "autoinst.flp" that carries a Linux
+// guest's answer file to its installer.
+#include <stdlib.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <system_error>
+
+#include "cli.h"
+#include "guestprep/autoinstall.h"
+#include "guestprep/guess.h"
+#include "lib/guestInstall/autoinstallLinux.h"
+#include "platform/fat/fat.h"
+
+namespace {
+
+struct Options {
+  std::string image;
+  std::string osKey;
+  std::string answerDir;
+  std::string templateDir;
+  std::string outDir;
+  bool json = false;
+} gOpt;
+
+namespace fs = std::filesystem;
+
+// A directory removed with everything in it when the command ends.
+struct ScratchDir {
+  std::string path;
+  ScratchDir() = default;
+  ScratchDir(const ScratchDir &) = delete;
+  ScratchDir &operator=(const ScratchDir &) = delete;
+  ~ScratchDir() {
+    if (!path.empty()) {
+      std::error_code ec;
+      fs::remove_all(path, ec);
+    }
+  }
+};
+
+// Blank 1.44 MB floppies as "suse.flp" and "mandriva.flp", for callers who
+// have no template floppies of their own.
+bool MakeBlankTemplates(const std::string &outDir, ScratchDir *scratch) {
+  std::string pattern = outDir + "/.floppy-templates-XXXXXX";
+  if (mkdtemp(pattern.data()) == nullptr) {
+    cli::Fail("cannot create a scratch directory in " + outDir + ": " + strerror(errno));
+    return false;
+  }
+  scratch->path = pattern;
+  for (const char *name : {"suse.flp", "mandriva.flp"}) {
+    std::string path = scratch->path + "/" + name;
+    FATDevice *device = nullptr;
+    FATVolume *volume = nullptr;
+    if (FATDevFileIO_Open(path.c_str(), &device) != FAT_OK ||
+        FAT_FormatVolume(device, kFATFloppy144Size, 0, &volume) != FAT_OK) {
+      cli::Fail(cli::FailedStep("cannot format a blank template floppy " + path));
+      return false;
+    }
+    FAT_CloseVolume(volume);
+  }
+  gOpt.templateDir = scratch->path;
+  return true;
+}
+
+int Run() {
+  GuessInfo info{};
+  LinuxInstallFamily family = LINUX_FAMILY_NONE;
+  std::string osKey = gOpt.osKey;
+  if (!gOpt.image.empty()) {
+    if (int code = cli::DetectLinuxInstall(gOpt.image, &info, &family); code != cli::kExitOk) {
+      return code;
+    }
+    osKey = info.osKey;
+  } else {
+    family = AutoInstallGetLinuxFamily(osKey.c_str());
+    if (family == LINUX_FAMILY_NONE) {
+      cli::Fail(osKey + ": not a Linux guest that can be installed unattended");
+      return cli::kExitFailure;
+    }
+  }
+
+  nlohmann::ordered_json j;
+  j["osKey"] = osKey;
+  if (!AutoInstall_NeedsFloppy_Linux(osKey.c_str())) {
+    j["floppy"] = nullptr;
+    j["kernelArgs"] = LinuxFamilyTable[family].kernelArgs;
+    if (!gOpt.json) {
+      printf("%s: no floppy needed; the installer finds its answer file on the boot medium\n",
+             cli::EscapeText(osKey).c_str());
+    } else {
+      cli::PrintRecord(j, true);
+    }
+    return cli::kExitOk;
+  }
+
+  const std::string answerFile = cli::AnswerFilePath(gOpt.answerDir, family);
+  if (!fs::is_regular_file(answerFile)) {
+    cli::Fail("no answer file " + answerFile + " (write it with guestprep answer first)");
+    return cli::kExitFailure;
+  }
+  std::error_code ec;
+  fs::create_directories(gOpt.outDir, ec);
+  if (ec) {
+    cli::Fail("cannot create " + gOpt.outDir + ": " + ec.message());
+    return cli::kExitFailure;
+  }
+  ScratchDir scratch;
+  if (gOpt.templateDir.empty() && family != LINUX_FAMILY_UBUNTU &&
+      !MakeBlankTemplates(gOpt.outDir, &scratch)) {
+    return cli::kExitFailure;
+  }
+  if (!AutoInstall_MakeFloppyImg_Linux(gOpt.answerDir.c_str(), gOpt.outDir.c_str(),
+                                       gOpt.templateDir.c_str(), osKey.c_str())) {
+    cli::Fail(cli::FailedStep("cannot build the floppy in " + gOpt.outDir));
+    return cli::kExitFailure;
+  }
+  const std::string floppy = gOpt.outDir + "/autoinst.flp";
+  j["floppy"] = floppy;
+  j["answerFile"] = LinuxFamilyTable[family].answerFileName;
+  j["kernelArgs"] = LinuxFamilyTable[family].kernelArgs;
+  cli::PrintRecord(j, gOpt.json);
+  return cli::kExitOk;
+}
+
+CLI::App *Add(CLI::App &app) {
+  CLI::App *cmd = app.add_subcommand(
+      "floppy",
+      "Build the install floppy \"autoinst.flp\" in DIR for a Linux guest whose installer reads "
+      "its answer file from a floppy (Ubuntu, SUSE, Mandriva), from the answer file that "
+      "guestprep answer wrote into the answer directory. Ubuntu gets a fresh 1.44 MB floppy; "
+      "SUSE and Mandriva start from \"suse.flp\" or \"mandriva.flp\" in the template directory "
+      "(blank floppies without one). Red Hat guests need no floppy: the command says so and "
+      "builds none. Exit 0 when built or not needed, 1 on failure, 2 when the image cannot be "
+      "opened.");
+  auto *image = cmd->add_option("IMAGE", gOpt.image, "Installation image the floppy is for");
+  auto *key = cmd->add_option("--os-key", gOpt.osKey,
+                              "Guest OS key (such as ubuntu-64) instead of an image");
+  image->excludes(key);
+  key->excludes(image);
+  cmd->add_option("--answer-dir", gOpt.answerDir, "Directory guestprep answer wrote into")
+      ->required()
+      ->type_name("DIR");
+  cmd->add_option("--template-dir", gOpt.templateDir,
+                  "Directory holding the template floppies suse.flp and mandriva.flp")
+      ->type_name("DIR");
+  cmd->add_option("--out", gOpt.outDir, "Directory that receives autoinst.flp")
+      ->required()
+      ->type_name("DIR");
+  cmd->add_flag("--json", gOpt.json, "One JSON object instead of text");
+  cmd->callback([]() {
+    if (gOpt.image.empty() && gOpt.osKey.empty()) {
+      throw CLI::RequiredError("IMAGE or --os-key");
+    }
+  });
+  return cmd;
+}
+
+}  // namespace
+
+namespace cli {
+const Command kFloppyCommand{Add, Run};
+}
