@@ -1,0 +1,262 @@
+// Remastered install images booted for real: a medium with a real Debian
+// kernel (scripts/fetch-kernel) and a tiny initrd made here is remastered
+// the way the product does it (answer file, ScanISO, MasterISO with
+// genisoimage) and booted in QEMU through the host's isolinux; the kernel
+// command line read from the serial port must carry the answer-file
+// arguments. KVM is used when it can run the boot loader, else TCG.
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "guestprep/autoinstall.h"
+#include "support/imageFixtures.h"
+#include "support/testSupport.h"
+
+extern char **environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+using testing_support::DataDir;
+using testing_support::ReadFile;
+using testing_support::RunCommand;
+using testing_support::TempDir;
+using testing_support::TsvRow;
+using testing_support::WriteFile;
+
+// A hung boot fails the test instead of hanging the run.
+constexpr int kBootTimeoutSeconds = 120;
+
+fs::path KernelPath() {
+  const char *cache = getenv("XDG_CACHE_HOME");
+  const char *home = getenv("HOME");
+  const fs::path base =
+      cache != nullptr && *cache != '\0' ? fs::path(cache) : fs::path(home ? home : "") / ".cache";
+  return base / "guestprep" / "vmlinuz";
+}
+
+std::vector<std::string> Split(const std::string &text, char sep) {
+  std::vector<std::string> out;
+  std::stringstream in(text);
+  for (std::string part; std::getline(in, part, sep);) {
+    if (!part.empty()) {
+      out.push_back(part);
+    }
+  }
+  return out;
+}
+
+GuessVersion Version(const std::string &name) {
+  for (GuessVersion v = 0; v < GUESS_VERSION_DUMMY_LAST; ++v) {
+    if ("GUESS_VERSION_" + name == SUB_NAMES[v]) {
+      return v;
+    }
+  }
+  ADD_FAILURE() << "no version " << name;
+  return GUESS_VERSION_UNKNOWN;
+}
+
+// The initrd: a static init and the mount points it uses, as a newc cpio.
+void MakeInitrd(const fs::path &dir, const fs::path &out) {
+  fs::create_directories(dir / "dev");
+  fs::create_directories(dir / "proc");
+  testing_support::CommandResult r =
+      RunCommand({"cc", "-static", "-Os", "-s", "-o", (dir / "init").string(),
+                  (DataDir() / "isolinux" / "boot" / "init.c").string()});
+  ASSERT_EQ(0, r.exitCode) << r.output;
+  r = RunCommand({"sh", "-c", "cd \"$1\" && find . | cpio -o -H newc --quiet > \"$2\"", "sh",
+                  dir.string(), out.string()});
+  ASSERT_EQ(0, r.exitCode) << r.output;
+}
+
+struct Boot {
+  std::string serial;
+  double seconds = 0;
+  bool timedOut = false;
+  bool kvmFailed = false;  // KVM could not run the guest's real-mode code
+};
+
+// Runs QEMU on the image until it exits (the init restarts the machine),
+// stops on its own KVM failure, or the time runs out.
+Boot RunQemu(const fs::path &image, bool kvm) {
+  std::vector<std::string> argv{"qemu-system-x86_64",
+                                "-cdrom",
+                                image.string(),
+                                "-boot",
+                                "d",
+                                "-display",
+                                "none",
+                                "-serial",
+                                "stdio",
+                                "-no-reboot",
+                                "-m",
+                                "256"};
+  if (kvm) {
+    argv.push_back("-enable-kvm");
+  }
+  Boot boot;
+  int pipefd[2];
+  if (pipe(pipefd) != 0) {
+    return boot;
+  }
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, pipefd[1], STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, pipefd[1], STDERR_FILENO);
+  posix_spawn_file_actions_addclose(&actions, pipefd[0]);
+  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  std::vector<char *> args;
+  for (std::string &a : argv) {
+    args.push_back(a.data());
+  }
+  args.push_back(nullptr);
+  const auto start = std::chrono::steady_clock::now();
+  const auto deadline = start + std::chrono::seconds(kBootTimeoutSeconds);
+  pid_t pid = -1;
+  const int rc = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  close(pipefd[1]);
+  if (rc != 0) {
+    close(pipefd[0]);
+    boot.serial = "cannot start qemu-system-x86_64: run scripts/setup";
+    return boot;
+  }
+  for (;;) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    pollfd p{pipefd[0], POLLIN, 0};
+    if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) == 0) {
+      boot.timedOut = true;
+      break;
+    }
+    char buf[4096];
+    const ssize_t n = read(pipefd[0], buf, sizeof buf);
+    if (n <= 0) {
+      break;
+    }
+    boot.serial.append(buf, static_cast<size_t>(n));
+    if (boot.serial.find("KVM internal error") != std::string::npos) {
+      boot.kvmFailed = true;  // QEMU stops the guest and waits
+      break;
+    }
+  }
+  close(pipefd[0]);
+  kill(pid, SIGKILL);  // gone already unless it hung or failed
+  waitpid(pid, nullptr, 0);
+  boot.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  return boot;
+}
+
+// Whether to try KVM: /dev/kvm opens and no boot of this run has seen it
+// fail (some nested KVMs cannot run the boot loader's real-mode code).
+bool kvmFailedBefore = false;
+bool TryKvm() {
+  const int fd = open("/dev/kvm", O_RDWR | O_CLOEXEC);
+  if (fd < 0) {
+    return false;
+  }
+  close(fd);
+  return !kvmFailedBefore;
+}
+
+// The text after prefix on the serial line that holds it, without the
+// line end; nothing when no line does.
+std::optional<std::string> LineAfter(const std::string &serial, const std::string &prefix) {
+  const size_t at = serial.find(prefix);
+  if (at == std::string::npos) {
+    return std::nullopt;
+  }
+  const size_t start = at + prefix.size();
+  const size_t end = serial.find_first_of("\r\n", start);
+  return serial.substr(start, end == std::string::npos ? std::string::npos : end - start);
+}
+
+class Booted : public testing::TestWithParam<TsvRow> {};
+
+TEST_P(Booted, CommandLineCarriesTheAnswerFile) {
+  // label, osKey, version, files, override, serial, present, absent
+  const auto &c = GetParam().cells;
+  const fs::path kernel = KernelPath();
+  ASSERT_TRUE(fs::is_regular_file(kernel))
+      << "no Linux kernel at " << kernel << ": run scripts/setup (it runs scripts/fetch-kernel)";
+  ASSERT_TRUE(testing_support::HaveTool("qemu-system-x86_64"))
+      << "no qemu-system-x86_64: run scripts/setup";
+  TempDir tmp;
+  ASSERT_NO_FATAL_FAILURE(MakeInitrd(tmp / "rd", tmp / "initrd"));
+  const fs::path root = tmp / "medium";
+  for (const std::string &spec : Split(c[3], ',')) {
+    const size_t from = spec.find_first_of("<=");
+    const fs::path path = root / spec.substr(0, from);
+    const std::string source = from == std::string::npos ? "" : spec.substr(from + 1);
+    const fs::path host = source == "kernel"                  ? kernel
+                          : source == "initrd"                ? tmp / "initrd"
+                          : !source.empty()                   ? DataDir() / "isolinux" / source
+                          : path.filename() == "isolinux.bin" ? "/usr/lib/ISOLINUX/isolinux.bin"
+                          : path.filename() == "ldlinux.c32"
+                              ? "/usr/lib/syslinux/modules/bios/ldlinux.c32"
+                              : fs::path();
+    WriteFile(path, host.empty() ? spec : ReadFile(host));
+  }
+  ASSERT_NO_FATAL_FAILURE(
+      testing_support::Master("xorriso", {"-R", "-J"}, tmp / "medium.iso", root));
+
+  const fs::path staging = tmp / "staging";
+  const GuessVersion version = Version(c[2]);
+  ASSERT_TRUE(AutoInstall_PrepareAnswerFileEx_Linux(c[1].c_str(), version, staging.c_str(), "guest",
+                                                    "Guest User", "guest-password", "root-password",
+                                                    false, false));
+  ASSERT_TRUE(AutoInstall_ScanISO((tmp / "medium.iso").c_str(), staging.c_str(), c[1].c_str(),
+                                  version,
+                                  c[4] == "host" ? "/usr/lib/ISOLINUX/isolinux.bin" : nullptr));
+  ASSERT_TRUE(AutoInstall_MasterISO(staging.c_str(), "genisoimage", tmp.str().c_str()));
+
+  const fs::path image = tmp / "autoinst.iso";
+  const bool tryKvm = TryKvm();
+  Boot boot = RunQemu(image, tryKvm);
+  if (boot.kvmFailed) {
+    std::cout << "[   BOOT   ] KVM cannot run the boot loader here (" << boot.seconds
+              << " s lost); booting with TCG\n";
+    kvmFailedBefore = true;
+    boot = RunQemu(image, false);
+  }
+  const char *accel = tryKvm && !kvmFailedBefore ? "kvm" : "tcg";
+  std::cout << "[   BOOT   ] " << c[0] << ": " << accel << ", " << boot.seconds
+            << " s from start to exit\n";
+  RecordProperty("boot_seconds", std::to_string(boot.seconds));
+  RecordProperty("accelerator", accel);
+  ASSERT_FALSE(boot.timedOut) << "no exit within " << kBootTimeoutSeconds << " s:\n" << boot.serial;
+
+  for (const std::string &prefix : Split(c[5], '|')) {
+    std::optional<std::string> line = LineAfter(boot.serial, prefix);
+    ASSERT_TRUE(line.has_value()) << "no \"" << prefix << "\" line:\n" << boot.serial;
+    const std::vector<std::string> args = Split(*line, ' ');
+    for (const std::string &arg : Split(c[6], ' ')) {
+      EXPECT_NE(args.end(), std::find(args.begin(), args.end(), arg)) << arg << " in " << *line;
+    }
+    for (const std::string &arg : Split(c[7], ' ')) {
+      EXPECT_EQ(args.end(), std::find(args.begin(), args.end(), arg)) << arg << " in " << *line;
+    }
+  }
+}
+INSTANTIATE_TEST_SUITE_P(Remaster, Booted,
+                         testing::ValuesIn(testing_support::ReadTsv("isolinux/boot/boot.tsv", 8)),
+                         [](const testing::TestParamInfo<TsvRow> &info) {
+                           return testing_support::TsvRowName(info.param);
+                         });
+
+}  // namespace
