@@ -42,11 +42,11 @@
  * write of that file, FAT_CloseFile at the latest (they cost more system
  * calls than the data does). Until then the image keeps the file's entry
  * and chain from before the run, the new clusters free, and is valid as
- * it stands. Whenever any other call
- * returns, both FAT copies and all directory entries are on the image and
- * agree. Should writing them fail, that call returns the error, and so
- * does every later call that would change the volume, FAT_CloseVolume
- * included. A call that needs more clusters than are free fails with
+ * it stands. Whenever any other call returns, both FAT copies and all
+ * directory entries are on the image and agree. Should writing them fail,
+ * that call returns the error, and so does every later call on the volume
+ * but FAT_ReadFile and FAT_GetFileSize (closing calls close all the
+ * same). A call that needs more clusters than are free fails with
  * FAT_ERR_DISK_FULL before anything is changed. The fixed root directory
  * gives FAT_ERR_DIR_FULL when it has no run of free entries long enough
  * for the name; a subdirectory grows by a cluster instead, up to 65,536

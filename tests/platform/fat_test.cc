@@ -626,9 +626,9 @@ void Damage(std::string *img, const std::string &spec) {
   std::string field = assignment.substr(0, assignment.find('='));
   uint32_t value = std::stoul(assignment.substr(assignment.find('=') + 1));
   static const std::map<std::string, std::pair<size_t, size_t>> fields = {
-      {"cluster", {26, 2}},      {"size", {28, 4}},           {"checksum", {13, 1}},
-      {"jump", {0, 1}},          {"bytesPerSector", {11, 2}}, {"totalSectors", {19, 2}},
-      {"sectorsPerFat", {22, 2}}};
+      {"cluster", {26, 2}},      {"size", {28, 4}},         {"ordinal", {0, 1}},
+      {"checksum", {13, 1}},     {"jump", {0, 1}},          {"bytesPerSector", {11, 2}},
+      {"totalSectors", {19, 2}}, {"sectorsPerFat", {22, 2}}};
   size_t at = 0;
   if (kind == "entry") {
     size_t slash = where.find('/');
