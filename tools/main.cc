@@ -22,6 +22,7 @@ const cli::Command kCommands[] = {
     cli::kDetectCommand,
     cli::kAnswerCommand,
     cli::kFloppyCommand,
+    cli::kRemasterCommand,
 };
 
 // Without --log the library's lines are dropped: each command says what went

@@ -131,6 +131,23 @@ assert j["kernelArgs"] == "ks=cdrom:/ks.cfg" and j["needsFloppy"] is False, j
     fsck.fat -n "$work/flp/autoinst.flp" >/dev/null &&
     mtype -i "$work/flp/autoinst.flp" ::preseed.cfg | cmp -s - "$work/ubuntu/custom/preseed.cfg" ||
     { echo "FAIL: floppy for an Ubuntu answer directory"; fail=1; }
+
+  # remaster: the CentOS example with a real isolinux tree becomes a
+  # no-emulation El Torito image; an output path the shell would expand is
+  # refused in one line and runs nothing.
+  cp -r "$data/media/centos7" "$work/tree"
+  echo initrd >"$work/tree/isolinux/initrd.img"
+  cp /usr/lib/ISOLINUX/isolinux.bin /usr/lib/syslinux/modules/bios/ldlinux.c32 "$work/tree/isolinux/"
+  xorriso -as mkisofs -quiet -R -J -V "CentOS 7 x86_64" -o "$work/boot.iso" "$work/tree" 2>/dev/null
+  "$cli" remaster --json "$work/boot.iso" --answer-dir "$work/out" --out "$work/iso" |
+    grep -qF '"kernelArgs":"ks=cdrom:/ks.cfg"' &&
+    xorriso -indev "$work/iso/autoinst.iso" -report_el_torito plain 2>/dev/null |
+    grep -q 'El Torito boot img : *1 *BIOS *y *none' ||
+    { echo "FAIL: remaster of the CentOS example"; fail=1; }
+  "$cli" remaster "$work/boot.iso" --answer-dir "$work/out" --out "$work/\$(touch $work/ran)" 2>"$work/err"
+  got=$?
+  [ "$got" = 1 ] && [ "$(grep -c '' "$work/err")" = 1 ] && [ ! -e "$work/ran" ] ||
+    { echo "FAIL: remaster to a path the shell expands: exit $got"; cat "$work/err"; fail=1; }
   rm -rf "$work"
 fi
 rm -f /tmp/cli.$$.out
