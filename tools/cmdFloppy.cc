@@ -65,6 +65,32 @@ bool MakeBlankTemplates(const std::string &outDir, ScratchDir *scratch) {
   return true;
 }
 
+// The names and sizes in the floppy's root directory: objects for JSON,
+// "name (N bytes)" for text.
+nlohmann::ordered_json RootListing(const std::string &image, bool json) {
+  nlohmann::ordered_json files = nlohmann::json::array();
+  FATDevice *device = nullptr;
+  FATVolume *volume = nullptr;
+  FATDirectory *root = nullptr;
+  if (FATDevFileIO_Open(image.c_str(), &device) != FAT_OK ||
+      FAT_OpenVolume(device, &volume) != FAT_OK) {
+    return files;
+  }
+  if (FAT_OpenRootDirectory(volume, &root) == FAT_OK) {
+    FATDirEntryInfo info;
+    for (uint32_t cursor = 0; FAT_ReadDirectory(root, &cursor, &info) == FAT_OK;) {
+      if (json) {
+        files.push_back({{"name", info.name}, {"size", info.size}});
+      } else {
+        files.push_back(std::string(info.name) + " (" + std::to_string(info.size) + " bytes)");
+      }
+    }
+    FAT_CloseDirectory(root);
+  }
+  FAT_CloseVolume(volume);
+  return files;
+}
+
 int Run() {
   GuessInfo info{};
   LinuxInstallFamily family = LINUX_FAMILY_NONE;
@@ -119,7 +145,7 @@ int Run() {
   }
   const std::string floppy = gOpt.outDir + "/autoinst.flp";
   j["floppy"] = floppy;
-  j["answerFile"] = LinuxFamilyTable[family].answerFileName;
+  j["files"] = RootListing(floppy, gOpt.json);
   j["kernelArgs"] = LinuxFamilyTable[family].kernelArgs;
   cli::PrintRecord(j, gOpt.json);
   return cli::kExitOk;

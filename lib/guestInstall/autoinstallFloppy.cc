@@ -114,6 +114,13 @@ bool AddFileToFloppyImg(FATDirectory *directory, const char *srcPath, const char
     }
     offset += written;
     if (r == FILEIO_EOF) {
+      // The FAT layer leaves a run of writes' FAT and directory entry for
+      // the close, so only a good close means the file is in the image.
+      err = FAT_CloseFile(file.release());
+      if (err != FAT_OK) {
+        Log("%s: FAT_CloseFile failed, error: %lu\n", kFn, ErrorNumber(err));
+        return false;
+      }
       return true;
     }
   }
