@@ -21,6 +21,7 @@
 
 #include "guestprep/guess.h"
 #include "platform/log/log.h"
+#include "platform/util/str.h"
 
 // An impossible medium kind: the process ends, naming this subsystem's source.
 #define GUESS_NOT_REACHED() Panic("NOT_REACHED %s:%d \n", "lib/guessGuest/guess.cc", __LINE__)
@@ -55,9 +56,7 @@ void SetField(char (&field)[N], std::string_view text) {
   field[n] = '\0';
 }
 
-struct FreeDeleter {
-  void operator()(char *p) const { free(p); }
-};
+using gp::FreeDeleter;
 
 // The keys of one row of a detector's table by architecture (the values of
 // Guess_ELF_Arch); null where the row has no key for it.

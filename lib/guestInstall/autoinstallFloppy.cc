@@ -23,23 +23,7 @@ constexpr size_t kChunk = 512;
 constexpr uint64_t kFloppySize = 0x168000;
 constexpr char kFloppyImageName[] = "autoinst.flp";
 
-struct FreeText {
-  void operator()(char *p) const { free(p); }
-};
-using Text = std::unique_ptr<char, FreeText>;
-
-// Closes the host file on every path out.
-struct HostFile {
-  FileIODescriptor fd;
-  HostFile() { FileIO_Invalidate(&fd); }
-  HostFile(const HostFile &) = delete;
-  HostFile &operator=(const HostFile &) = delete;
-  ~HostFile() {
-    if (FileIO_IsValid(&fd)) {
-      FileIO_Close(&fd);
-    }
-  }
-};
+using Text = gp::UniqueText;
 
 struct FatFileCloser {
   void operator()(FATFile *f) const { FAT_CloseFile(f); }
@@ -73,7 +57,7 @@ bool AddFileToFloppyImg(FATDirectory *directory, const char *srcPath, const char
     Log("%s: no floppy directory or file name\n", kFn);
     return false;
   }
-  HostFile src;
+  gp::ScopedFileIO src;
   FileIOResult r = FileIO_Open(&src.fd, srcPath, FILEIO_OPEN_ACCESS_READ, FILEIO_OPEN);
   if (r != FILEIO_SUCCESS) {
     Log("%s: FileIO_Open failed, error: %d\n", kFn, r);
@@ -139,7 +123,7 @@ bool GetFileFromFloppyImg(FATDirectory *directory, const char *name, const char 
     return false;
   }
   FatFile file(raw);
-  HostFile dst;
+  gp::ScopedFileIO dst;
   FileIOResult r =
       FileIO_Open(&dst.fd, dstPath, FILEIO_OPEN_ACCESS_WRITE, FILEIO_OPEN_CREATE_EMPTY);
   if (r != FILEIO_SUCCESS) {

@@ -89,10 +89,7 @@ constexpr WinNameText kWinSuffixes[] = {
 constexpr const char kWinPrettyFormat[] = "@&!*@*@(msg.autoinstall.prettyFormat)%s%s%s";
 
 // A string from the message layer, freed when replaced or dropped.
-struct FreeText {
-  void operator()(char *p) const { free(p); }
-};
-using OwnedText = std::unique_ptr<char, FreeText>;
+using OwnedText = gp::UniqueText;
 
 const char *FindExact(const WinNameText *rows, size_t count, std::string_view part) {
   for (size_t i = 0; i < count; ++i) {

@@ -51,22 +51,7 @@ const IsolinuxEntry kUbuntuCasperEntry{"/casper/vmlinuz", "/casper/initrd",
 constexpr char kLdlinux[] = "ldlinux.c32";
 constexpr char kHostLdlinux[] = "/usr/lib/syslinux/modules/bios/ldlinux.c32";
 
-struct FreeText {
-  void operator()(char *p) const { free(p); }
-};
-using Text = std::unique_ptr<char, FreeText>;
-
-struct HostFile {
-  FileIODescriptor fd;
-  HostFile() { FileIO_Invalidate(&fd); }
-  HostFile(const HostFile &) = delete;
-  HostFile &operator=(const HostFile &) = delete;
-  ~HostFile() {
-    if (FileIO_IsValid(&fd)) {
-      FileIO_Close(&fd);
-    }
-  }
-};
+using Text = gp::UniqueText;
 
 bool CaselessStartsWith(std::string_view s, std::string_view prefix) {
   return s.size() >= prefix.size() && Str_Strncasecmp(s.data(), prefix.data(), prefix.size()) == 0;
@@ -311,7 +296,7 @@ class DiskMedium final : public Medium {
     if (Outside(cfg)) {
       return false;
     }
-    HostFile f;
+    gp::ScopedFileIO f;
     if (FileIO_Open(&f.fd, cfg.c_str(), FILEIO_OPEN_ACCESS_READ, FILEIO_OPEN) != FILEIO_SUCCESS) {
       Log("%s: FileIO_Open failed pathIsolinuxCfg=\"%s\"\n", kFn, cfg.c_str());
       return false;
@@ -330,7 +315,7 @@ class DiskMedium final : public Medium {
     bool found = false;
     for (int i = 0; i < count && !found; ++i) {
       const std::string path = Join(**configDir, names[i]);
-      HostFile other;
+      gp::ScopedFileIO other;
       if (StrUtil_EndsWith(names[i], ".cfg") && !Outside(path) &&
           FileIO_Open(&other.fd, path.c_str(), FILEIO_OPEN_ACCESS_READ, FILEIO_OPEN) ==
               FILEIO_SUCCESS) {
@@ -401,7 +386,7 @@ bool WriteStagedConfig(Medium &medium, const std::string &path, const IsolinuxEn
                   kStagedConfigMax - 1);
     return false;
   }
-  HostFile f;
+  gp::ScopedFileIO f;
   FileIOResult rc =
       FileIO_Open(&f.fd, path.c_str(), FILEIO_OPEN_ACCESS_WRITE, FILEIO_OPEN_CREATE_EMPTY);
   if (rc != FILEIO_SUCCESS) {

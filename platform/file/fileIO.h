@@ -166,4 +166,21 @@ FileIOResult FileIO_AtomicWrite(const char *path, const void *data, size_t len);
 using FileIOAtomicHookFn = void (*)(const char *tempPath, const char *finalPath);
 void FileIO_SetAtomicCommitHook(FileIOAtomicHookFn hook);
 
+namespace gp {
+
+/* A descriptor closed (when open) when it goes out of scope. */
+struct ScopedFileIO {
+  FileIODescriptor fd;
+  ScopedFileIO() { FileIO_Invalidate(&fd); }
+  ScopedFileIO(const ScopedFileIO &) = delete;
+  ScopedFileIO &operator=(const ScopedFileIO &) = delete;
+  ~ScopedFileIO() {
+    if (FileIO_IsValid(&fd)) {
+      FileIO_Close(&fd);
+    }
+  }
+};
+
+}  // namespace gp
+
 #endif

@@ -110,9 +110,17 @@ char *StrUtil_GetNextToken(unsigned *index, const char *str, const char *delimit
 bool StrUtil_GetNextIntToken(int32_t *out, unsigned *index, const char *str,
                              const char *delimiters);
 
+#include <cstdlib>
+#include <memory>
 #include <string>
 
 namespace gp {
+/* A string from these functions (or any malloc'd one), freed with it. */
+struct FreeDeleter {
+  void operator()(char *p) const { free(p); }
+};
+using UniqueText = std::unique_ptr<char, FreeDeleter>;
+
 /* printf-style formatting into a std::string; empty on a formatting error.
  * args is consumed. */
 std::string VFormat(const char *fmt, va_list args) __attribute__((format(printf, 1, 0)));
