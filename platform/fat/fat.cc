@@ -1020,22 +1020,6 @@ FATError CheckOwnCluster(FATDirectory *dir, const FoundEntry &found) {
   return FAT_OK;
 }
 
-// Checks the arguments and the name, and looks the name up.
-FATError Prepare(FATDirectory *dir, const char *name, bool haveHandle, NewName *parsed,
-                 FoundEntry *found, bool *exists) {
-  if (dir == nullptr || name == nullptr || !haveHandle) {
-    return Fail(FAT_ERR_INVALID_ARG, "null directory, name or handle pointer");
-  }
-  FATError err = Flush(dir->volume);
-  if (err != FAT_OK) {
-    return err;
-  }
-  if (!ParseName(name, parsed)) {
-    return FAT_ERR_BAD_NAME;
-  }
-  return LookUp(dir, *parsed, found, exists);
-}
-
 void FillEntry(uint8_t *e, const uint8_t shortName[11], uint8_t attr, uint8_t caseFlags,
                uint32_t cluster) {
   std::memset(e, 0, kDirEntrySize);
@@ -1074,6 +1058,44 @@ std::vector<uint8_t> LongNameEntries(const NewName &name) {
     }
   }
   return out;
+}
+
+// What an open or create call is after.
+enum class Want { kFile, kDirectory, kNew };
+
+// The shared start of the open and create calls: clears *handle, checks
+// the arguments and the name and looks the name up, and gives the answers
+// that end the call: FAT_ERR_EXISTS when creating a taken name,
+// FAT_ERR_NOT_FOUND or the wrong kind when opening.
+template <typename Handle>
+FATError Begin(FATDirectory *dir, const char *name, Handle **handle, Want want, NewName *parsed,
+               FoundEntry *found) {
+  if (handle != nullptr) {
+    *handle = nullptr;
+  }
+  if (dir == nullptr || name == nullptr || handle == nullptr) {
+    return Fail(FAT_ERR_INVALID_ARG, "null directory, name or handle pointer");
+  }
+  FATError err = Flush(dir->volume);
+  if (err != FAT_OK) {
+    return err;
+  }
+  if (!ParseName(name, parsed)) {
+    return FAT_ERR_BAD_NAME;
+  }
+  bool exists = false;
+  err = LookUp(dir, *parsed, found, &exists);
+  if (err != FAT_OK || want == Want::kNew) {
+    return err == FAT_OK && exists ? FAT_ERR_EXISTS : err;
+  }
+  if (!exists) {
+    return FAT_ERR_NOT_FOUND;
+  }
+  const bool isDir = (found->entry[kDirAttr] & kAttrDirectory) != 0;
+  if (isDir != (want == Want::kDirectory)) {
+    return isDir ? FAT_ERR_NOT_A_FILE : FAT_ERR_NOT_A_DIRECTORY;
+  }
+  return FAT_OK;
 }
 
 // Adds a directory entry for name (already looked up and absent). A new
@@ -1513,19 +1535,9 @@ FATError FAT_OpenRootDirectory(FATVolume *volume, FATDirectory **directory) {
 FATError FAT_OpenDirectory(FATDirectory *parent, const char *name, FATDirectory **directory) {
   NewName parsed;
   FoundEntry found;
-  bool exists = false;
-  if (directory != nullptr) {
-    *directory = nullptr;
-  }
-  FATError err = Prepare(parent, name, directory != nullptr, &parsed, &found, &exists);
+  FATError err = Begin(parent, name, directory, Want::kDirectory, &parsed, &found);
   if (err != FAT_OK) {
     return err;
-  }
-  if (!exists) {
-    return FAT_ERR_NOT_FOUND;
-  }
-  if (!(found.entry[kDirAttr] & kAttrDirectory)) {
-    return FAT_ERR_NOT_A_DIRECTORY;
   }
   err = CheckOwnCluster(parent, found);
   if (err != FAT_OK) {
@@ -1537,16 +1549,9 @@ FATError FAT_OpenDirectory(FATDirectory *parent, const char *name, FATDirectory 
 FATError FAT_CreateDirectory(FATDirectory *parent, const char *name, FATDirectory **directory) {
   NewName parsed;
   FoundEntry found;
-  bool exists = false;
-  if (directory != nullptr) {
-    *directory = nullptr;
-  }
-  FATError err = Prepare(parent, name, directory != nullptr, &parsed, &found, &exists);
+  FATError err = Begin(parent, name, directory, Want::kNew, &parsed, &found);
   if (err != FAT_OK) {
     return err;
-  }
-  if (exists) {
-    return FAT_ERR_EXISTS;
   }
   uint8_t entry[kDirEntrySize];
   uint32_t slot = 0;
@@ -1598,36 +1603,16 @@ FATError FAT_CloseDirectory(FATDirectory *directory) {
 FATError FAT_OpenFile(FATDirectory *directory, const char *name, FATFile **file) {
   NewName parsed;
   FoundEntry found;
-  bool exists = false;
-  if (file != nullptr) {
-    *file = nullptr;
-  }
-  FATError err = Prepare(directory, name, file != nullptr, &parsed, &found, &exists);
-  if (err != FAT_OK) {
-    return err;
-  }
-  if (!exists) {
-    return FAT_ERR_NOT_FOUND;
-  }
-  if (found.entry[kDirAttr] & kAttrDirectory) {
-    return FAT_ERR_NOT_A_FILE;
-  }
-  return OpenFileEntry(directory, found, file);
+  FATError err = Begin(directory, name, file, Want::kFile, &parsed, &found);
+  return err == FAT_OK ? OpenFileEntry(directory, found, file) : err;
 }
 
 FATError FAT_CreateFile(FATDirectory *directory, const char *name, FATFile **file) {
   NewName parsed;
   FoundEntry found;
-  bool exists = false;
-  if (file != nullptr) {
-    *file = nullptr;
-  }
-  FATError err = Prepare(directory, name, file != nullptr, &parsed, &found, &exists);
+  FATError err = Begin(directory, name, file, Want::kNew, &parsed, &found);
   if (err != FAT_OK) {
     return err;
-  }
-  if (exists) {
-    return FAT_ERR_EXISTS;
   }
   auto f = std::make_unique<FATFile>();
   f->volume = directory->volume;
