@@ -61,16 +61,6 @@ std::vector<std::string> Split(const std::string &text, char sep) {
   return out;
 }
 
-GuessVersion Version(const std::string &name) {
-  for (GuessVersion v = 0; v < GUESS_VERSION_DUMMY_LAST; ++v) {
-    if ("GUESS_VERSION_" + name == SUB_NAMES[v]) {
-      return v;
-    }
-  }
-  ADD_FAILURE() << "no version " << name;
-  return GUESS_VERSION_UNKNOWN;
-}
-
 // The initrd: a static init and the mount points it uses, as a newc cpio.
 void MakeInitrd(const fs::path &dir, const fs::path &out) {
   fs::create_directories(dir / "dev");
@@ -109,56 +99,14 @@ Boot RunQemu(const fs::path &image, bool kvm) {
   if (kvm) {
     argv.push_back("-enable-kvm");
   }
+  // On a KVM failure QEMU stops the guest and waits.
+  const testing_support::CommandResult r =
+      RunCommand(argv, kBootTimeoutSeconds, "KVM internal error");
   Boot boot;
-  int pipefd[2];
-  if (pipe(pipefd) != 0) {
-    return boot;
-  }
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, pipefd[1], STDOUT_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, pipefd[1], STDERR_FILENO);
-  posix_spawn_file_actions_addclose(&actions, pipefd[0]);
-  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-  std::vector<char *> args;
-  for (std::string &a : argv) {
-    args.push_back(a.data());
-  }
-  args.push_back(nullptr);
-  const auto start = std::chrono::steady_clock::now();
-  const auto deadline = start + std::chrono::seconds(kBootTimeoutSeconds);
-  pid_t pid = -1;
-  const int rc = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  close(pipefd[1]);
-  if (rc != 0) {
-    close(pipefd[0]);
-    boot.serial = "cannot start qemu-system-x86_64: run scripts/setup";
-    return boot;
-  }
-  for (;;) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        deadline - std::chrono::steady_clock::now());
-    pollfd p{pipefd[0], POLLIN, 0};
-    if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) == 0) {
-      boot.timedOut = true;
-      break;
-    }
-    char buf[4096];
-    const ssize_t n = read(pipefd[0], buf, sizeof buf);
-    if (n <= 0) {
-      break;
-    }
-    boot.serial.append(buf, static_cast<size_t>(n));
-    if (boot.serial.find("KVM internal error") != std::string::npos) {
-      boot.kvmFailed = true;  // QEMU stops the guest and waits
-      break;
-    }
-  }
-  close(pipefd[0]);
-  kill(pid, SIGKILL);  // gone already unless it hung or failed
-  waitpid(pid, nullptr, 0);
-  boot.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  boot.serial = r.exitCode < 0 ? "cannot start qemu-system-x86_64: run scripts/setup" : r.output;
+  boot.seconds = r.seconds;
+  boot.timedOut = r.timedOut;
+  boot.kvmFailed = r.stopped;
   return boot;
 }
 
@@ -199,10 +147,10 @@ TEST_P(Booted, CommandLineCarriesTheAnswerFile) {
   TempDir tmp;
   ASSERT_NO_FATAL_FAILURE(MakeInitrd(tmp / "rd", tmp / "initrd"));
   const fs::path root = tmp / "medium";
-  for (const std::string &spec : Split(c[3], ',')) {
-    const size_t from = spec.find_first_of("<=");
-    const fs::path path = root / spec.substr(0, from);
-    const std::string source = from == std::string::npos ? "" : spec.substr(from + 1);
+  for (const std::string &entry : Split(c[3], ',')) {
+    const size_t from = entry.find_first_of("<=");
+    const fs::path path = root / entry.substr(0, from);
+    const std::string source = from == std::string::npos ? "" : entry.substr(from + 1);
     const fs::path host = source == "kernel"                  ? kernel
                           : source == "initrd"                ? tmp / "initrd"
                           : !source.empty()                   ? DataDir() / "isolinux" / source
@@ -210,13 +158,13 @@ TEST_P(Booted, CommandLineCarriesTheAnswerFile) {
                           : path.filename() == "ldlinux.c32"
                               ? "/usr/lib/syslinux/modules/bios/ldlinux.c32"
                               : fs::path();
-    WriteFile(path, host.empty() ? spec : ReadFile(host));
+    WriteFile(path, host.empty() ? entry : ReadFile(host));
   }
   ASSERT_NO_FATAL_FAILURE(
       testing_support::Master("xorriso", {"-R", "-J"}, tmp / "medium.iso", root));
 
   const fs::path staging = tmp / "staging";
-  const GuessVersion version = Version(c[2]);
+  const GuessVersion version = testing_support::VersionByName(c[2]);
   ASSERT_TRUE(AutoInstall_PrepareAnswerFileEx_Linux(c[1].c_str(), version, staging.c_str(), "guest",
                                                     "Guest User", "guest-password", "root-password",
                                                     false, false));

@@ -59,16 +59,6 @@ std::string Replace(std::string text, const std::string &from, const std::string
   return text;
 }
 
-GuessVersion Version(const std::string &name) {
-  for (GuessVersion v = 0; v < GUESS_VERSION_DUMMY_LAST; ++v) {
-    if ("GUESS_VERSION_" + name == SUB_NAMES[v]) {
-      return v;
-    }
-  }
-  ADD_FAILURE() << "no version " << name;
-  return GUESS_VERSION_UNKNOWN;
-}
-
 std::string Shown(const std::optional<std::string> &text, bool bracket) {
   return !text.has_value() ? "-" : bracket ? "[" + *text + "]" : *text;
 }
@@ -120,8 +110,8 @@ INSTANTIATE_TEST_SUITE_P(Isolinux, AskMethod,
 std::map<std::string, std::string> BuildMedium(const fs::path &root, const std::string &files) {
   std::map<std::string, std::string> contents;
   fs::create_directories(root);
-  for (const std::string &spec : Split(files, ",")) {
-    const std::vector<std::string> parts = Split(spec, "<");
+  for (const std::string &entry : Split(files, ",")) {
+    const std::vector<std::string> parts = Split(entry, "<");
     const fs::path path = root / parts[0];
     const std::string base = path.filename().string();
     std::string data = parts.size() > 1         ? ReadFile(DataDir() / "isolinux" / parts[1])
@@ -188,8 +178,8 @@ TEST_P(Media, ScanDiskScanIsoAndMaster) {
   const fs::path disk = tmp / "disk", iso = tmp / "iso";
 
   LogCapture log;
-  EXPECT_EQ(ok, AutoInstall_ScanDisk(root.c_str(), disk.c_str(), c[1].c_str(), Version(c[2]),
-                                     binOverride));
+  EXPECT_EQ(ok, AutoInstall_ScanDisk(root.c_str(), disk.c_str(), c[1].c_str(),
+                                     testing_support::VersionByName(c[2]), binOverride));
   std::vector<std::string> lines;
   for (const std::string &line : Split(c[8] == "-" ? "" : c[8], " | ")) {
     lines.push_back(Replace(Replace(line, "<root>", root.string()), "<staging>", disk.string()) +
@@ -213,7 +203,7 @@ TEST_P(Media, ScanDiskScanIsoAndMaster) {
       testing_support::Master("xorriso", {"-R", "-J"}, tmp / "medium.iso", root));
   log.clear();
   EXPECT_EQ(ok, AutoInstall_ScanISO((tmp / "medium.iso").c_str(), iso.c_str(), c[1].c_str(),
-                                    Version(c[2]), binOverride));
+                                    testing_support::VersionByName(c[2]), binOverride));
   EXPECT_EQ(std::vector<std::string>{}, log.lines());
   EXPECT_EQ(testing_support::Snapshot(disk), testing_support::Snapshot(iso));
 

@@ -605,8 +605,8 @@ void SetFat12(std::string *img, uint32_t n, uint32_t v) {
 }
 
 // Does one damage of hostile.tsv to the image.
-void Damage(std::string *img, const std::string &spec) {
-  std::istringstream in(spec);
+void Damage(std::string *img, const std::string &damage) {
+  std::istringstream in(damage);
   std::string kind, where, assignment;
   in >> kind >> where >> assignment;
   if (kind == "none") {

@@ -1,16 +1,22 @@
 #include "support/testSupport.h"
 
+#include <gtest/gtest.h>
+
 #include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cctype>
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
 
+#include "guestprep/guess.h"
 #include "platform/log/log.h"
 
 extern char **environ;
@@ -70,7 +76,8 @@ bool LogCapture::contains(const std::string &needle) const {
   return false;
 }
 
-CommandResult RunCommand(const std::vector<std::string> &argv) {
+CommandResult RunCommand(const std::vector<std::string> &argv, int timeLimit,
+                         const std::string &stopAt) {
   CommandResult result;
   int pipefd[2];
   if (pipe(pipefd) != 0) {
@@ -87,6 +94,8 @@ CommandResult RunCommand(const std::vector<std::string> &argv) {
     args.push_back(const_cast<char *>(a.c_str()));
   }
   args.push_back(nullptr);
+  const auto start = std::chrono::steady_clock::now();
+  const auto deadline = start + std::chrono::seconds(timeLimit);
   pid_t pid;
   int rc = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
@@ -96,15 +105,35 @@ CommandResult RunCommand(const std::vector<std::string> &argv) {
     result.output = "spawn failed: " + argv[0];
     return result;
   }
-  char buf[4096];
-  ssize_t n;
-  while ((n = read(pipefd[0], buf, sizeof buf)) > 0) {
+  for (;;) {
+    if (timeLimit > 0) {
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+          deadline - std::chrono::steady_clock::now());
+      pollfd p{pipefd[0], POLLIN, 0};
+      if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) == 0) {
+        result.timedOut = true;
+        break;
+      }
+    }
+    char buf[4096];
+    const ssize_t n = read(pipefd[0], buf, sizeof buf);
+    if (n <= 0) {
+      break;
+    }
     result.output.append(buf, static_cast<size_t>(n));
+    if (!stopAt.empty() && result.output.find(stopAt) != std::string::npos) {
+      result.stopped = true;
+      break;
+    }
   }
   close(pipefd[0]);
+  if (result.timedOut || result.stopped) {
+    kill(pid, SIGKILL);
+  }
   int status = 0;
   waitpid(pid, &status, 0);
   result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   return result;
 }
 
@@ -145,6 +174,16 @@ std::string ReadFile(const std::filesystem::path &path) {
   std::stringstream ss;
   ss << in.rdbuf();
   return ss.str();
+}
+
+unsigned VersionByName(const std::string &name) {
+  for (GuessVersion v = 0; v < GUESS_VERSION_DUMMY_LAST; ++v) {
+    if ("GUESS_VERSION_" + name == SUB_NAMES[v]) {
+      return v;
+    }
+  }
+  ADD_FAILURE() << "no version " << name;
+  return GUESS_VERSION_UNKNOWN;
 }
 
 std::filesystem::path DataDir() {

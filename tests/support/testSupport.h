@@ -46,11 +46,17 @@ class LogCapture {
 
 struct CommandResult {
   int exitCode = -1;
-  std::string output;  // stdout and stderr together
+  std::string output;     // stdout and stderr together
+  bool timedOut = false;  // killed when the time limit ran out
+  bool stopped = false;   // killed when the output showed stopAt
+  double seconds = 0;     // from start to exit
 };
 
-// Runs argv (no shell) and collects its output.
-CommandResult RunCommand(const std::vector<std::string> &argv);
+// Runs argv (no shell) and collects its output. With a time limit (seconds,
+// 0 for none) or a stop text, the program is killed when the limit runs out
+// or its output shows that text.
+CommandResult RunCommand(const std::vector<std::string> &argv, int timeLimit = 0,
+                         const std::string &stopAt = "");
 
 // The same for the image mastering tools, retried when the tool dies of a
 // signal (xorriso has been seen to crash now and then on a good tree).
@@ -64,6 +70,10 @@ void WriteFile(const std::filesystem::path &path, const std::string &contents);
 // Takes a string the library allocated and frees it; "<null>" for none.
 std::string Take(char *s);
 std::string ReadFile(const std::filesystem::path &path);
+
+// A GuessVersion by its name without "GUESS_VERSION_" (a test failure and
+// GUESS_VERSION_UNKNOWN for no such name).
+unsigned VersionByName(const std::string &name);
 
 // Directory of committed test inputs (tests/data).
 std::filesystem::path DataDir();
