@@ -5,6 +5,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -50,8 +51,8 @@ void Write(FATDirectory *root) {
   if (FAT_OpenFile(root, "PRESEED.CFG", &file) == FAT_OK ||
       FAT_CreateFile(root, "PRESEED.CFG", &file) == FAT_OK) {
     FAT_SetFileSize(file, 0);
-    for (uint64_t at = 0; at < data.size(); at += 512) {
-      FAT_WriteFile(file, at, data.data() + at, 512, &written);
+    for (size_t at = 0; at < data.size(); at += 512) {
+      FAT_WriteFile(file, at, data.data() + at, std::min<size_t>(512, data.size() - at), &written);
     }
     FAT_CloseFile(file);
   }
