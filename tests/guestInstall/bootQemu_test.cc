@@ -5,21 +5,15 @@
 // command line read from the serial port must carry the answer-file
 // arguments. KVM is used when it can run the boot loader, else TCG.
 #include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -27,17 +21,15 @@
 #include "support/imageFixtures.h"
 #include "support/testSupport.h"
 
-extern char **environ;
-
 namespace {
 
 namespace fs = std::filesystem;
+using testing_support::CommandResult;
 using testing_support::DataDir;
-using testing_support::ReadFile;
 using testing_support::RunCommand;
+using testing_support::Split;
 using testing_support::TempDir;
 using testing_support::TsvRow;
-using testing_support::WriteFile;
 
 // A hung boot fails the test instead of hanging the run.
 constexpr int kBootTimeoutSeconds = 120;
@@ -50,64 +42,29 @@ fs::path KernelPath() {
   return base / "guestprep" / "vmlinuz";
 }
 
-std::vector<std::string> Split(const std::string &text, char sep) {
-  std::vector<std::string> out;
-  std::stringstream in(text);
-  for (std::string part; std::getline(in, part, sep);) {
-    if (!part.empty()) {
-      out.push_back(part);
-    }
-  }
-  return out;
-}
-
 // The initrd: a static init and the mount points it uses, as a newc cpio.
 void MakeInitrd(const fs::path &dir, const fs::path &out) {
   fs::create_directories(dir / "dev");
   fs::create_directories(dir / "proc");
-  testing_support::CommandResult r =
-      RunCommand({"cc", "-static", "-Os", "-s", "-o", (dir / "init").string(),
-                  (DataDir() / "isolinux" / "boot" / "init.c").string()});
+  CommandResult r = RunCommand({"cc", "-static", "-Os", "-s", "-o", (dir / "init").string(),
+                                (DataDir() / "isolinux" / "boot" / "init.c").string()});
   ASSERT_EQ(0, r.exitCode) << r.output;
   r = RunCommand({"sh", "-c", "cd \"$1\" && find . | cpio -o -H newc --quiet > \"$2\"", "sh",
                   dir.string(), out.string()});
   ASSERT_EQ(0, r.exitCode) << r.output;
 }
 
-struct Boot {
-  std::string serial;
-  double seconds = 0;
-  bool timedOut = false;
-  bool kvmFailed = false;  // KVM could not run the guest's real-mode code
-};
-
 // Runs QEMU on the image until it exits (the init restarts the machine),
-// stops on its own KVM failure, or the time runs out.
-Boot RunQemu(const fs::path &image, bool kvm) {
-  std::vector<std::string> argv{"qemu-system-x86_64",
-                                "-cdrom",
-                                image.string(),
-                                "-boot",
-                                "d",
-                                "-display",
-                                "none",
-                                "-serial",
-                                "stdio",
-                                "-no-reboot",
-                                "-m",
-                                "256"};
+// the time runs out, or it stops on its own KVM failure (stopped is then
+// set: QEMU stops the guest and waits).
+CommandResult RunQemu(const fs::path &image, bool kvm) {
+  std::vector<std::string> argv =
+      Split("qemu-system-x86_64 -boot d -display none -serial stdio -no-reboot -m 256", " ");
+  argv.insert(argv.end(), {"-cdrom", image.string()});
   if (kvm) {
     argv.push_back("-enable-kvm");
   }
-  // On a KVM failure QEMU stops the guest and waits.
-  const testing_support::CommandResult r =
-      RunCommand(argv, kBootTimeoutSeconds, "KVM internal error");
-  Boot boot;
-  boot.serial = r.exitCode < 0 ? "cannot start qemu-system-x86_64: run scripts/setup" : r.output;
-  boot.seconds = r.seconds;
-  boot.timedOut = r.timedOut;
-  boot.kvmFailed = r.stopped;
-  return boot;
+  return RunCommand(argv, kBootTimeoutSeconds, "KVM internal error");
 }
 
 // Whether to try KVM: /dev/kvm opens and no boot of this run has seen it
@@ -147,19 +104,7 @@ TEST_P(Booted, CommandLineCarriesTheAnswerFile) {
   TempDir tmp;
   ASSERT_NO_FATAL_FAILURE(MakeInitrd(tmp / "rd", tmp / "initrd"));
   const fs::path root = tmp / "medium";
-  for (const std::string &entry : Split(c[3], ',')) {
-    const size_t from = entry.find_first_of("<=");
-    const fs::path path = root / entry.substr(0, from);
-    const std::string source = from == std::string::npos ? "" : entry.substr(from + 1);
-    const fs::path host = source == "kernel"                  ? kernel
-                          : source == "initrd"                ? tmp / "initrd"
-                          : !source.empty()                   ? DataDir() / "isolinux" / source
-                          : path.filename() == "isolinux.bin" ? "/usr/lib/ISOLINUX/isolinux.bin"
-                          : path.filename() == "ldlinux.c32"
-                              ? "/usr/lib/syslinux/modules/bios/ldlinux.c32"
-                              : fs::path();
-    WriteFile(path, host.empty() ? entry : ReadFile(host));
-  }
+  testing_support::BuildMedium(root, c[3], {{"kernel", kernel}, {"initrd", tmp / "initrd"}});
   ASSERT_NO_FATAL_FAILURE(
       testing_support::Master("xorriso", {"-R", "-J"}, tmp / "medium.iso", root));
 
@@ -170,13 +115,13 @@ TEST_P(Booted, CommandLineCarriesTheAnswerFile) {
                                                     false, false));
   ASSERT_TRUE(AutoInstall_ScanISO((tmp / "medium.iso").c_str(), staging.c_str(), c[1].c_str(),
                                   version,
-                                  c[4] == "host" ? "/usr/lib/ISOLINUX/isolinux.bin" : nullptr));
+                                  c[4] == "host" ? testing_support::kHostIsolinuxBin : nullptr));
   ASSERT_TRUE(AutoInstall_MasterISO(staging.c_str(), "genisoimage", tmp.str().c_str()));
 
   const fs::path image = tmp / "autoinst.iso";
   const bool tryKvm = TryKvm();
-  Boot boot = RunQemu(image, tryKvm);
-  if (boot.kvmFailed) {
+  CommandResult boot = RunQemu(image, tryKvm);
+  if (boot.stopped) {
     std::cout << "[   BOOT   ] KVM cannot run the boot loader here (" << boot.seconds
               << " s lost); booting with TCG\n";
     kvmFailedBefore = true;
@@ -187,24 +132,22 @@ TEST_P(Booted, CommandLineCarriesTheAnswerFile) {
             << " s from start to exit\n";
   RecordProperty("boot_seconds", std::to_string(boot.seconds));
   RecordProperty("accelerator", accel);
-  ASSERT_FALSE(boot.timedOut) << "no exit within " << kBootTimeoutSeconds << " s:\n" << boot.serial;
+  ASSERT_FALSE(boot.timedOut) << "no exit within " << kBootTimeoutSeconds << " s:\n" << boot.output;
 
-  for (const std::string &prefix : Split(c[5], '|')) {
-    std::optional<std::string> line = LineAfter(boot.serial, prefix);
-    ASSERT_TRUE(line.has_value()) << "no \"" << prefix << "\" line:\n" << boot.serial;
-    const std::vector<std::string> args = Split(*line, ' ');
-    for (const std::string &arg : Split(c[6], ' ')) {
+  for (const std::string &prefix : Split(c[5], "|")) {
+    std::optional<std::string> line = LineAfter(boot.output, prefix);
+    ASSERT_TRUE(line.has_value()) << "no \"" << prefix << "\" line:\n" << boot.output;
+    const std::vector<std::string> args = Split(*line, " ");
+    for (const std::string &arg : Split(c[6], " ")) {
       EXPECT_NE(args.end(), std::find(args.begin(), args.end(), arg)) << arg << " in " << *line;
     }
-    for (const std::string &arg : Split(c[7], ' ')) {
+    for (const std::string &arg : Split(c[7], " ")) {
       EXPECT_EQ(args.end(), std::find(args.begin(), args.end(), arg)) << arg << " in " << *line;
     }
   }
 }
 INSTANTIATE_TEST_SUITE_P(Remaster, Booted,
                          testing::ValuesIn(testing_support::ReadTsv("isolinux/boot/boot.tsv", 8)),
-                         [](const testing::TestParamInfo<TsvRow> &info) {
-                           return testing_support::TsvRowName(info.param);
-                         });
+                         testing_support::TsvRowNamer());
 
 }  // namespace

@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cctype>
 #include <filesystem>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -16,47 +14,16 @@
 namespace {
 
 namespace fs = std::filesystem;
+using testing_support::Floppy;
 using testing_support::LogCapture;
+using testing_support::MtoolsRead;
+using testing_support::Pattern;
 using testing_support::ReadFile;
 using testing_support::ReadTsv;
 using testing_support::RunCommand;
 using testing_support::TempDir;
 using testing_support::TsvRow;
 using testing_support::WriteFile;
-
-// The root directory of a floppy image, closed with its volume.
-class Floppy {
- public:
-  // Formats a fresh image at path, or opens the one there.
-  Floppy(const fs::path &path, bool format) {
-    FATDevice *device = nullptr;
-    EXPECT_EQ(FATDevFileIO_Open(path.c_str(), &device), FAT_OK);
-    EXPECT_EQ(format ? FAT_FormatVolume(device, kFATFloppy144Size, 0, &volume_)
-                     : FAT_OpenVolume(device, &volume_),
-              FAT_OK);
-    if (volume_ != nullptr) {
-      EXPECT_EQ(FAT_OpenRootDirectory(volume_, &root_), FAT_OK);
-    }
-  }
-  ~Floppy() {
-    if (root_ != nullptr) {
-      FAT_CloseDirectory(root_);
-    }
-    if (volume_ != nullptr) {
-      EXPECT_EQ(FAT_CloseVolume(volume_), FAT_OK);
-    }
-  }
-  FATDirectory *root() const { return root_; }
-
- private:
-  FATVolume *volume_ = nullptr;
-  FATDirectory *root_ = nullptr;
-};
-
-std::string Lower(std::string s) {
-  std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return std::tolower(c); });
-  return s;
-}
 
 // The root directory's names as mtools lists them, sorted, lower case.
 std::string MtoolsNames(const fs::path &image) {
@@ -65,10 +32,9 @@ std::string MtoolsNames(const fs::path &image) {
     return "<mdir failed: " + r.output + ">";
   }
   std::vector<std::string> names;
-  std::istringstream in(r.output);
-  for (std::string line; std::getline(in, line);) {
+  for (const std::string &line : testing_support::Split(r.output, "\n")) {
     if (line.starts_with("::/")) {
-      names.push_back(Lower(line.substr(3)));
+      names.push_back(testing_support::Lower(line.substr(3)));
     }
   }
   std::sort(names.begin(), names.end());
@@ -79,22 +45,8 @@ std::string MtoolsNames(const fs::path &image) {
   return joined;
 }
 
-std::string MtoolsRead(const fs::path &image, const std::string &name) {
-  auto r = RunCommand({"mtype", "-i", image.string(), "::" + name});
-  return r.exitCode == 0 ? r.output : "<mtype failed: " + r.output + ">";
-}
-
 void ExpectFsckClean(const fs::path &image) {
-  auto r = RunCommand({"fsck.fat", "-n", image.string()});
-  EXPECT_EQ(r.exitCode, 0) << r.output;
-}
-
-std::string Bytes(size_t n, char seed) {
-  std::string s(n, '\0');
-  for (size_t i = 0; i < n; i++) {
-    s[i] = static_cast<char>(seed + i * 7);
-  }
-  return s;
+  EXPECT_EQ("", testing_support::FsckProblems(image));
 }
 
 // Sizes around a sector; each replaces the last in one image, so a shorter
@@ -103,13 +55,14 @@ TEST(FloppyTransfer, RoundTripsAndReplacesThroughMtools) {
   TempDir dir;
   const fs::path image = dir / "floppy.img";
   Floppy floppy(image, true);
+  ASSERT_EQ(FAT_OK, floppy.error);
   for (size_t size : {1000, 0, 1, 511, 512, 513, 5000, 20}) {
     SCOPED_TRACE(size);
-    const std::string data = Bytes(size, static_cast<char>(size));
+    const std::string data = Pattern(size, static_cast<unsigned>(size));
     WriteFile(dir / "in", data);
-    ASSERT_TRUE(AddFileToFloppyImg(floppy.root(), (dir / "in").c_str(), "data.bin"));
+    ASSERT_TRUE(AddFileToFloppyImg(floppy.root, (dir / "in").c_str(), "data.bin"));
     EXPECT_EQ(MtoolsRead(image, "data.bin"), data);
-    ASSERT_TRUE(GetFileFromFloppyImg(floppy.root(), "data.bin", (dir / "out").c_str()));
+    ASSERT_TRUE(GetFileFromFloppyImg(floppy.root, "data.bin", (dir / "out").c_str()));
     EXPECT_EQ(ReadFile(dir / "out"), data);
   }
   ExpectFsckClean(image);
@@ -121,21 +74,22 @@ TEST(FloppyTransfer, FailuresLogTheStepAndLeaveNoTrace) {
   TempDir dir;
   const fs::path image = dir / "floppy.img";
   Floppy floppy(image, true);
+  ASSERT_EQ(FAT_OK, floppy.error);
   {
     LogCapture log;
-    EXPECT_FALSE(AddFileToFloppyImg(floppy.root(), (dir / "missing").c_str(), "a.txt"));
+    EXPECT_FALSE(AddFileToFloppyImg(floppy.root, (dir / "missing").c_str(), "a.txt"));
     EXPECT_EQ(log.all(), "AddFileToFloppyImg: FileIO_Open failed, error: 3\n");
   }
   {
     LogCapture log;
-    EXPECT_FALSE(GetFileFromFloppyImg(floppy.root(), "absent.txt", (dir / "out").c_str()));
+    EXPECT_FALSE(GetFileFromFloppyImg(floppy.root, "absent.txt", (dir / "out").c_str()));
     EXPECT_EQ(log.all(), "GetFileFromFloppyImg: FAT_OpenFile failed, error: 5\n");
     EXPECT_FALSE(fs::exists(dir / "out"));
   }
   {
     LogCapture log;
     WriteFile(dir / "ok", "x");
-    EXPECT_FALSE(AddFileToFloppyImg(floppy.root(), (dir / "ok").c_str(), "bad:name"));
+    EXPECT_FALSE(AddFileToFloppyImg(floppy.root, (dir / "ok").c_str(), "bad:name"));
     EXPECT_TRUE(log.contains("AddFileToFloppyImg: FAT_CreateFile failed, error: 7\n"));
     EXPECT_FALSE(AddFileToFloppyImg(nullptr, (dir / "ok").c_str(), "a.txt"));
     EXPECT_FALSE(GetFileFromFloppyImg(nullptr, "a.txt", (dir / "out").c_str()));
@@ -143,9 +97,9 @@ TEST(FloppyTransfer, FailuresLogTheStepAndLeaveNoTrace) {
   {
     // More than the floppy holds: the copy stops at a full disk and the
     // image stays sound.
-    WriteFile(dir / "huge", Bytes(kFATFloppy144Size, 'h'));
+    WriteFile(dir / "huge", Pattern(kFATFloppy144Size, 1));
     LogCapture log;
-    EXPECT_FALSE(AddFileToFloppyImg(floppy.root(), (dir / "huge").c_str(), "huge.bin"));
+    EXPECT_FALSE(AddFileToFloppyImg(floppy.root, (dir / "huge").c_str(), "huge.bin"));
     EXPECT_TRUE(log.contains("AddFileToFloppyImg: FAT_WriteFile failed, error: 8\n")) << log.all();
   }
   EXPECT_EQ(MtoolsNames(image), "huge.bin");
@@ -153,16 +107,6 @@ TEST(FloppyTransfer, FailuresLogTheStepAndLeaveNoTrace) {
 }
 
 class LinuxFloppy : public testing::TestWithParam<TsvRow> {};
-
-std::string Fill(std::string text, const TempDir &dir) {
-  for (const auto &[mark, sub] :
-       {std::pair<std::string, std::string>{"<templates>", "templates"}, {"<floppy>", "floppy"}}) {
-    if (size_t at = text.find(mark); at != std::string::npos) {
-      text.replace(at, mark.size(), (dir / sub).string());
-    }
-  }
-  return text;
-}
 
 TEST_P(LinuxFloppy, BuildsTheFamilysFloppy) {
   // OS key, answer written, template, result, floppy names, log line.
@@ -199,7 +143,8 @@ TEST_P(LinuxFloppy, BuildsTheFamilysFloppy) {
     ExpectFsckClean(image);
     // The answer file goes on byte for byte.
     const std::string name = c[4].substr(0, c[4].find(' '));
-    const fs::path written = c[0].starts_with("ubuntu") ? answers / "custom" / name : answers / name;
+    const fs::path written =
+        c[0].starts_with("ubuntu") ? answers / "custom" / name : answers / name;
     EXPECT_EQ(MtoolsRead(image, name), ReadFile(written));
   }
   std::vector<std::string> ours;
@@ -211,7 +156,11 @@ TEST_P(LinuxFloppy, BuildsTheFamilysFloppy) {
   if (c[5].empty()) {
     EXPECT_TRUE(ours.empty()) << log.all();
   } else {
-    EXPECT_EQ(ours, std::vector<std::string>{Fill(c[5], dir) + "\n"}) << log.all();
+    const std::string line = testing_support::Replace(c[5], "<templates>", templates.string());
+    EXPECT_EQ(
+        ours,
+        std::vector<std::string>{testing_support::Replace(line, "<floppy>", out.string()) + "\n"})
+        << log.all();
   }
   EXPECT_EQ(AutoInstall_NeedsFloppy_Linux(c[0].c_str()),
             !c[0].starts_with("rhel") && !c[0].starts_with("centos"));
@@ -219,7 +168,7 @@ TEST_P(LinuxFloppy, BuildsTheFamilysFloppy) {
 
 INSTANTIATE_TEST_SUITE_P(Families, LinuxFloppy,
                          testing::ValuesIn(ReadTsv("install/linux-floppy.tsv", 6)),
-                         [](const auto &info) { return testing_support::TsvRowName(info.param); });
+                         testing_support::TsvRowNamer());
 
 TEST(LinuxTools, StagesThePayloadUnderShortNamesAndStopsAtTheFirstMissing) {
   TempDir dir;

@@ -7,10 +7,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cctype>
 #include <filesystem>
 #include <map>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -23,41 +21,20 @@
 namespace {
 
 namespace fs = std::filesystem;
+using testing_support::BuildMedium;
 using testing_support::DataDir;
+using testing_support::kHostIsolinuxBin;
+using testing_support::kHostLdlinux;
 using testing_support::LogCapture;
 using testing_support::ReadFile;
 using testing_support::ReadTsv;
+using testing_support::Replace;
+using testing_support::Split;
 using testing_support::TempDir;
 using testing_support::TsvRow;
 using testing_support::WriteFile;
 
-const fs::path kHostIsolinuxBin = "/usr/lib/ISOLINUX/isolinux.bin";
-const fs::path kHostLdlinux = "/usr/lib/syslinux/modules/bios/ldlinux.c32";
-
 class Table : public testing::TestWithParam<TsvRow> {};
-std::string RowName(const testing::TestParamInfo<TsvRow> &info) {
-  return testing_support::TsvRowName(info.param);
-}
-
-std::vector<std::string> Split(const std::string &text, const std::string &sep) {
-  std::vector<std::string> out;
-  for (size_t at = 0; !text.empty();) {
-    const size_t end = text.find(sep, at);
-    out.push_back(text.substr(at, end - at));
-    if (end == std::string::npos) {
-      break;
-    }
-    at = end + sep.size();
-  }
-  return out;
-}
-
-std::string Replace(std::string text, const std::string &from, const std::string &to) {
-  for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
-    text.replace(at, from.size(), to);
-  }
-  return text;
-}
 
 std::string Shown(const std::optional<std::string> &text, bool bracket) {
   return !text.has_value() ? "-" : bracket ? "[" + *text + "]" : *text;
@@ -88,14 +65,14 @@ using Parse = Table;
 TEST_P(Parse, FirstCompleteEntry) {
   const auto &c = GetParam().cells;  // file, result, kernel, initrd, append
   autoinstall::IsolinuxEntry entry;
-  const bool ok = autoinstall::parseIsolinuxConfig(ReadFile(DataDir() / "isolinux" / c[0]), &entry);
+  const bool ok = autoinstall::parseIsolinuxConfig(testing_support::IsolinuxFile(c[0]), &entry);
   EXPECT_EQ(c[1] == "true", ok);
   EXPECT_EQ(c[2], Shown(entry.kernel, false));
   EXPECT_EQ(c[3], Shown(entry.initrd, false));
   EXPECT_EQ(c[4], Shown(entry.append, true));
 }
 INSTANTIATE_TEST_SUITE_P(Isolinux, Parse, testing::ValuesIn(ReadTsv("isolinux/parse.tsv", 5)),
-                         RowName);
+                         testing_support::TsvRowNamer());
 
 using AskMethod = Table;
 TEST_P(AskMethod, Removed) {
@@ -104,25 +81,8 @@ TEST_P(AskMethod, Removed) {
   EXPECT_EQ(GetParam().cells[1], append);
 }
 INSTANTIATE_TEST_SUITE_P(Isolinux, AskMethod,
-                         testing::ValuesIn(ReadTsv("isolinux/remove-askmethod.tsv", 2)), RowName);
-
-// Builds the medium a row describes; the contents by base name.
-std::map<std::string, std::string> BuildMedium(const fs::path &root, const std::string &files) {
-  std::map<std::string, std::string> contents;
-  fs::create_directories(root);
-  for (const std::string &entry : Split(files, ",")) {
-    const std::vector<std::string> parts = Split(entry, "<");
-    const fs::path path = root / parts[0];
-    const std::string base = path.filename().string();
-    std::string data = parts.size() > 1         ? ReadFile(DataDir() / "isolinux" / parts[1])
-                       : base == "isolinux.bin" ? ReadFile(kHostIsolinuxBin)
-                       : base == "ldlinux.c32"  ? ReadFile(kHostLdlinux)
-                                                : parts[0];
-    WriteFile(path, data);
-    contents[base] = data;
-  }
-  return contents;
-}
+                         testing::ValuesIn(ReadTsv("isolinux/remove-askmethod.tsv", 2)),
+                         testing_support::TsvRowNamer());
 
 // What xorriso reports of an image's boot record, and the names and staged
 // configuration the image carries under ISOLINUX.
@@ -131,9 +91,8 @@ void CheckMastered(const fs::path &image, const std::vector<std::string> &staged
   testing_support::CommandResult report = testing_support::RunCommand(
       {"xorriso", "-indev", image.string(), "-report_el_torito", "plain"});
   ASSERT_EQ(0, report.exitCode) << report.output;
-  std::istringstream want(ReadFile(DataDir() / "isolinux" / "el-torito.txt"));
-  for (std::string line; std::getline(want, line);) {
-    if (!line.empty() && line[0] != '#') {
+  for (const std::string &line : Split(ReadFile(DataDir() / "isolinux" / "el-torito.txt"), "\n")) {
+    if (line[0] != '#') {
       EXPECT_NE(std::string::npos, report.output.find(line)) << line << "\n" << report.output;
     }
   }
@@ -143,18 +102,13 @@ void CheckMastered(const fs::path &image, const std::vector<std::string> &staged
   testing_support::WalkIso(
       vol, "ISOLINUX",
       [&](const std::string &path, const Iso9660DirEntry &e, const std::string &data) {
-        names.push_back(e.name);
+        names.push_back(testing_support::Lower(e.name));
         if (path == "ISOLINUX/ISOLINUX.CFG") {
           read = data;
         }
       });
-  std::vector<std::string> want_names{"BOOT.CAT"};
-  for (std::string name : staged) {
-    for (char &ch : name) {
-      ch = static_cast<char>(toupper(static_cast<unsigned char>(ch)));
-    }
-    want_names.push_back(name);
-  }
+  std::vector<std::string> want_names = staged;
+  want_names.push_back("boot.cat");
   std::sort(names.begin(), names.end());
   std::sort(want_names.begin(), want_names.end());
   EXPECT_EQ(want_names, names);
@@ -169,7 +123,7 @@ TEST_P(Media, ScanDiskScanIsoAndMaster) {
   RedHatArgument redHat;
   const fs::path root = tmp / "medium";
   std::map<std::string, std::string> contents = BuildMedium(root, c[3]);
-  const char *binOverride = c[4] == "host" ? kHostIsolinuxBin.c_str() : nullptr;
+  const char *binOverride = c[4] == "host" ? kHostIsolinuxBin : nullptr;
   if (binOverride != nullptr) {
     contents["isolinux.bin"] = ReadFile(kHostIsolinuxBin);
     contents["ldlinux.c32"] = ReadFile(kHostLdlinux);
@@ -214,7 +168,7 @@ TEST_P(Media, ScanDiskScanIsoAndMaster) {
   }
 }
 INSTANTIATE_TEST_SUITE_P(Remaster, Media, testing::ValuesIn(ReadTsv("isolinux/media.tsv", 9)),
-                         RowName);
+                         testing_support::TsvRowNamer());
 
 // A shell script at path that creates marker when run.
 void MarkerScript(const fs::path &path, const fs::path &marker) {
@@ -243,22 +197,26 @@ TEST_P(MasterRefused, NothingRunsAndStagingGoes) {
   EXPECT_TRUE(log.lines()[0].starts_with("AutoInstall_MasterISO: ")) << log.all();
 }
 INSTANTIATE_TEST_SUITE_P(Remaster, MasterRefused,
-                         testing::ValuesIn(ReadTsv("isolinux/master-refused.tsv", 4)), RowName);
+                         testing::ValuesIn(ReadTsv("isolinux/master-refused.tsv", 4)),
+                         testing_support::TsvRowNamer());
 
-TEST(Remaster, MasterWithMissingToolFailsAndRemovesStaging) {
+TEST(Remaster, MasterWithAMissingOrFailingToolFailsAndRemovesStaging) {
   TempDir tmp;
-  WriteFile(tmp / "staging" / "isolinux" / "isolinux.cfg", "label linux\n");
-  EXPECT_FALSE(AutoInstall_MasterISO((tmp / "staging").c_str(), (tmp / "no-such-tool").c_str(),
-                                     tmp.str().c_str()));
-  EXPECT_FALSE(fs::exists(tmp / "staging"));
-  EXPECT_FALSE(fs::exists(tmp / "autoinst.iso"));
+  for (const std::string &tool : {(tmp / "no-such-tool").string(), std::string("false")}) {
+    WriteFile(tmp / "staging" / "isolinux" / "isolinux.cfg", "label linux\n");
+    EXPECT_FALSE(AutoInstall_MasterISO((tmp / "staging").c_str(), tool.c_str(), tmp.str().c_str()));
+    EXPECT_FALSE(fs::exists(tmp / "staging")) << tool;
+    EXPECT_FALSE(fs::exists(tmp / "autoinst.iso")) << tool;
+  }
 }
 
-TEST(Remaster, MasterWithAFailingToolFailsAndRemovesStaging) {
-  TempDir tmp;
-  WriteFile(tmp / "staging" / "isolinux" / "isolinux.cfg", "label linux\n");
-  EXPECT_FALSE(AutoInstall_MasterISO((tmp / "staging").c_str(), "false", tmp.str().c_str()));
-  EXPECT_FALSE(fs::exists(tmp / "staging"));
+// A tree whose isolinux.cfg lies 40 directories below top.
+void DeepTree(const fs::path &top) {
+  fs::path deep = top;
+  for (int i = 0; i < 40; ++i) {
+    deep /= "d";
+  }
+  WriteFile(deep / "isolinux.cfg", testing_support::IsolinuxFile("centos5/isolinux.cfg"));
 }
 
 // A medium whose configuration lies below the search's depth limit, and
@@ -267,11 +225,7 @@ TEST(Remaster, MasterWithAFailingToolFailsAndRemovesStaging) {
 TEST(Remaster, DiskSearchIsBoundedAndStaysOnTheMedium) {
   TempDir tmp;
   RedHatArgument redHat;
-  fs::path deep = tmp / "deep";
-  for (int i = 0; i < 40; ++i) {
-    deep /= "d";
-  }
-  WriteFile(deep / "isolinux.cfg", ReadFile(DataDir() / "isolinux" / "centos5" / "isolinux.cfg"));
+  DeepTree(tmp / "deep");
   LogCapture log;
   EXPECT_FALSE(AutoInstall_ScanDisk((tmp / "deep").c_str(), (tmp / "s1").c_str(), "centos5-64",
                                     GUESS_VERSION_CENTOS_5, nullptr));
@@ -303,11 +257,7 @@ TEST(Remaster, DiskSearchIsBoundedAndStaysOnTheMedium) {
 // relocation so the depth is real.
 TEST(Remaster, IsoSearchIsBounded) {
   TempDir tmp;
-  fs::path deep = tmp / "tree";
-  for (int i = 0; i < 40; ++i) {
-    deep /= "d";
-  }
-  WriteFile(deep / "isolinux.cfg", ReadFile(DataDir() / "isolinux" / "centos5" / "isolinux.cfg"));
+  DeepTree(tmp / "tree");
   ASSERT_NO_FATAL_FAILURE(
       testing_support::Master("xorriso", {"-R", "-D"}, tmp / "deep.iso", tmp / "tree"));
   LogCapture log;

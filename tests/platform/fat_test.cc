@@ -11,15 +11,16 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "support/imageFixtures.h"
 #include "support/testSupport.h"
 
 namespace fs = std::filesystem;
 using testing_support::LogCapture;
+using testing_support::Pattern;
 using testing_support::ReadFile;
 using testing_support::ReadTsv;
 using testing_support::RunCommand;
@@ -28,22 +29,6 @@ using testing_support::TsvRow;
 using testing_support::WriteFile;
 
 namespace {
-
-std::string RowName(const testing::TestParamInfo<TsvRow> &info) {
-  return testing_support::TsvRowName(info.param);
-}
-
-// Bytes that differ from one offset to the next, so a misplaced cluster
-// shows.
-std::string Pattern(size_t size, unsigned seed) {
-  std::string s(size, '\0');
-  uint32_t x = seed * 2654435761u + 1;
-  for (char &c : s) {
-    x = x * 1103515245u + 12345u;
-    c = static_cast<char>(x >> 16);
-  }
-  return s;
-}
 
 unsigned SeedOf(const std::string &path) {
   return static_cast<unsigned>(std::hash<std::string>()(path));
@@ -68,28 +53,14 @@ std::string Expand(const std::string &cell) {
   return out;
 }
 
-std::vector<std::string> Split(const std::string &s, char sep) {
-  std::vector<std::string> parts;
-  std::stringstream in(s);
-  for (std::string part; std::getline(in, part, sep);) {
-    parts.push_back(part);
-  }
-  if (!s.empty() && s.back() == sep) {
-    parts.push_back("");
-  }
-  return parts;
-}
-
 FATError ErrorNamed(const std::string &name) {
-  static const std::map<std::string, FATError> codes = {
-      {"OK", FAT_OK},
-      {"ok", FAT_OK},
-      {"CORRUPT", FAT_ERR_CORRUPT},
-      {"NOT_FAT", FAT_ERR_NOT_FAT},
-      {"NOT_FOUND", FAT_ERR_NOT_FOUND},
-      {"bad-name", FAT_ERR_BAD_NAME},
-      {"exists", FAT_ERR_EXISTS},
-  };
+  static const std::map<std::string, FATError> codes = {{"OK", FAT_OK},
+                                                        {"ok", FAT_OK},
+                                                        {"CORRUPT", FAT_ERR_CORRUPT},
+                                                        {"NOT_FAT", FAT_ERR_NOT_FAT},
+                                                        {"NOT_FOUND", FAT_ERR_NOT_FOUND},
+                                                        {"bad-name", FAT_ERR_BAD_NAME},
+                                                        {"exists", FAT_ERR_EXISTS}};
   auto it = codes.find(name);
   return it == codes.end() ? ~0ull : it->second;
 }
@@ -99,44 +70,18 @@ struct CloseDirectory {
 };
 using Directory = std::unique_ptr<FATDirectory, CloseDirectory>;
 
-// An open volume and its root directory, closed in order.
-struct Floppy {
-  FATVolume *volume = nullptr;
-  FATDirectory *root = nullptr;
-  FATError error = FAT_OK;
-
-  explicit Floppy(const std::string &path, bool format) {
-    FATDevice *device = nullptr;
-    error = FATDevFileIO_Open(path.c_str(), &device);
-    if (error == FAT_OK) {
-      error = format ? FAT_FormatVolume(device, kFATFloppy144Size, 0, &volume)
-                     : FAT_OpenVolume(device, &volume);
-    }
-    if (error == FAT_OK) {
-      error = FAT_SkipVolumeBoot(volume);
-    }
-    if (error == FAT_OK) {
-      error = FAT_OpenRootDirectory(volume, &root);
-    }
-  }
-  ~Floppy() {
-    if (root != nullptr) {
-      EXPECT_EQ(FAT_OK, FAT_CloseDirectory(root));
-    }
-    if (volume != nullptr) {
-      EXPECT_EQ(FAT_OK, FAT_CloseVolume(volume));
-    }
-  }
+// A floppy and the calls the tests make through it.
+struct Floppy : testing_support::Floppy {
+  using testing_support::Floppy::Floppy;
 
   // Opens the directories on the way to path's last part, creating the
   // missing ones when create is set; *dir is the last.
   FATError Walk(const std::string &path, bool create, std::vector<Directory> *open,
                 FATDirectory **dir, std::string *leaf) {
-    std::vector<std::string> parts = Split(path, '/');
-    *leaf = parts.back();
-    parts.pop_back();
+    *leaf = path.substr(path.rfind('/') + 1);
     *dir = root;
-    for (const std::string &part : parts) {
+    for (const std::string &part :
+         testing_support::Split(path.substr(0, path.size() - leaf->size()), "/")) {
       FATDirectory *next = nullptr;
       FATError err = FAT_OpenDirectory(*dir, part.c_str(), &next);
       if (err == FAT_ERR_NOT_FOUND && create) {
@@ -199,20 +144,19 @@ struct Floppy {
     return err == FAT_OK ? out : "<error " + std::to_string(err) + ">";
   }
 
-  // Every file ("path\tsize") and directory ("path/") under dir.
-  void List(FATDirectory *dir, const std::string &prefix, std::set<std::string> *out) {
+  // Every file and directory under dir as testing_support::Snapshot shows
+  // a host tree.
+  void List(FATDirectory *dir, const std::string &prefix, std::map<std::string, std::string> *out) {
     FATDirEntryInfo info;
     uint32_t cursor = 0;
     FATError err;
     while ((err = FAT_ReadDirectory(dir, &cursor, &info)) == FAT_OK) {
       std::string path = prefix + info.name;
-      if (!info.isDirectory) {
-        out->insert(path + "\t" + std::to_string(info.size));
-        continue;
-      }
-      out->insert(path + "/");
+      (*out)[path] = info.isDirectory ? "d" : testing_support::SnapshotFile(Get(path));
       FATDirectory *sub = nullptr;
-      EXPECT_EQ(FAT_OK, FAT_OpenDirectory(dir, info.name, &sub)) << path;
+      if (info.isDirectory) {
+        EXPECT_EQ(FAT_OK, FAT_OpenDirectory(dir, info.name, &sub)) << path;
+      }
       if (sub != nullptr) {
         List(sub, path + "/", out);
         FAT_CloseDirectory(sub);
@@ -220,58 +164,36 @@ struct Floppy {
     }
     EXPECT_EQ(FAT_ERR_NOT_FOUND, err) << prefix;
   }
-  std::set<std::string> Tree() {
-    std::set<std::string> out;
+  std::map<std::string, std::string> Tree() {
+    std::map<std::string, std::string> out;
     List(root, "", &out);
     return out;
   }
 };
 
-// The files of tree.tsv: path and size.
-std::map<std::string, size_t> TreeFiles() {
-  std::map<std::string, size_t> files;
+// The files of tree.tsv and their bytes; directories end in '/'.
+std::map<std::string, std::string> TreeFiles() {
+  std::map<std::string, std::string> files;
   for (const TsvRow &row : ReadTsv("fat/tree.tsv", 3)) {
     int count = row.cells[2].empty() ? 1 : std::stoi(row.cells[2]);
     for (int i = 1; i <= count; i++) {
-      std::string path = Expand(row.cells[0]);
-      size_t hash = path.find('#');
-      if (hash != std::string::npos) {
-        path.replace(hash, 1, std::to_string(i));
-      }
-      files[path] = row.cells[1].empty() ? 0 : std::stoul(row.cells[1]);
+      std::string path = testing_support::Replace(Expand(row.cells[0]), "#", std::to_string(i));
+      files[path] = Pattern(row.cells[1].empty() ? 0 : std::stoul(row.cells[1]), SeedOf(path));
     }
   }
   return files;
 }
 
-// The listing Floppy::Tree gives for those files.
-std::set<std::string> TreeListing(const std::map<std::string, size_t> &files) {
-  std::set<std::string> out;
-  for (const auto &[path, size] : files) {
+// The snapshot of a tree holding those files.
+std::map<std::string, std::string> TreeSnapshot(const std::map<std::string, std::string> &files) {
+  std::map<std::string, std::string> out;
+  for (const auto &[path, data] : files) {
     for (size_t slash = path.find('/'); slash != std::string::npos;
          slash = path.find('/', slash + 1)) {
-      out.insert(path.substr(0, slash + 1));
+      out[path.substr(0, slash)] = "d";
     }
     if (path.back() != '/') {
-      out.insert(path + "\t" + std::to_string(size));
-    }
-  }
-  return out;
-}
-
-// The same listing of a host directory, and whether each file holds its
-// pattern.
-std::set<std::string> HostListing(const fs::path &top, std::string *wrongContent) {
-  std::set<std::string> out;
-  for (const auto &entry : fs::recursive_directory_iterator(top)) {
-    std::string path = fs::relative(entry.path(), top).string();
-    if (entry.is_directory()) {
-      out.insert(path + "/");
-      continue;
-    }
-    out.insert(path + "\t" + std::to_string(entry.file_size()));
-    if (ReadFile(entry.path()) != Pattern(entry.file_size(), SeedOf(path))) {
-      *wrongContent += path + "\n";
+      out[path] = testing_support::SnapshotFile(data);
     }
   }
   return out;
@@ -285,16 +207,9 @@ class FatImage : public testing::Test {
     setenv("LC_ALL", "C.UTF-8", 1);
   }
 
-  // fsck.fat's verdict without repairing anything: "" when clean.
-  std::string FsckProblems() {
-    auto r = RunCommand({"fsck.fat", "-n", image_});
-    return r.exitCode == 0 ? "" : r.output;
-  }
+  std::string FsckProblems() { return testing_support::FsckProblems(image_); }
   std::string MtoolsRead(const std::string &name) {
-    std::string out = (dir_ / "out").string();
-    fs::remove(out);
-    auto r = RunCommand({"mcopy", "-n", "-i", image_, "::" + name, out});
-    return r.exitCode == 0 ? ReadFile(out) : "<mcopy failed: " + r.output + ">";
+    return testing_support::MtoolsRead(image_, name);
   }
   std::string MtoolsList() { return RunCommand({"mdir", "-b", "-i", image_, "::"}).output; }
   bool FatCopiesAgree() {
@@ -337,7 +252,7 @@ TEST_P(FloppyFile, WrittenInChunksReadsBackEverywhere) {
   EXPECT_TRUE(again.Get(f[0]) == data);
 }
 INSTANTIATE_TEST_SUITE_P(Fat, FloppyFile, testing::ValuesIn(ReadTsv("fat/floppy-files.tsv", 2)),
-                         RowName);
+                         testing_support::TsvRowNamer());
 
 // Directory entries in use in the root of a floppy image.
 size_t RootSlotsUsed(const std::string &image) {
@@ -385,17 +300,18 @@ TEST_P(FloppyName, IsStoredAsWindowsStoresIt) {
   EXPECT_NE(std::string::npos, MtoolsList().find("::/" + name + "\n"));
   EXPECT_EQ("x", MtoolsRead(f[3]));
 }
-INSTANTIATE_TEST_SUITE_P(Fat, FloppyName, testing::ValuesIn(ReadTsv("fat/names.tsv", 4)), RowName);
+INSTANTIATE_TEST_SUITE_P(Fat, FloppyName, testing::ValuesIn(ReadTsv("fat/names.tsv", 4)),
+                         testing_support::TsvRowNamer());
 
 TEST_F(FatImage, TreeWrittenHereReadsBackWithMtools) {
   auto files = TreeFiles();
   {
     Floppy f(image_, true);
     ASSERT_EQ(FAT_OK, f.error);
-    for (const auto &[path, size] : files) {
-      ASSERT_EQ(FAT_OK, f.Put(path, Pattern(size, SeedOf(path)))) << path;
+    for (const auto &[path, data] : files) {
+      ASSERT_EQ(FAT_OK, f.Put(path, data)) << path;
     }
-    EXPECT_EQ(TreeListing(files), f.Tree());
+    EXPECT_EQ(TreeSnapshot(files), f.Tree());
   }
   EXPECT_EQ("", FsckProblems());
   EXPECT_TRUE(FatCopiesAgree());
@@ -403,9 +319,7 @@ TEST_F(FatImage, TreeWrittenHereReadsBackWithMtools) {
   fs::create_directory(out);
   auto r = RunCommand({"mcopy", "-s", "-n", "-i", image_, "::/", out.string() + "/"});
   ASSERT_EQ(0, r.exitCode) << r.output;
-  std::string wrong;
-  EXPECT_EQ(TreeListing(files), HostListing(out, &wrong));
-  EXPECT_EQ("", wrong);
+  EXPECT_EQ(TreeSnapshot(files), testing_support::Snapshot(out));
 }
 
 // Images made and filled by other programs; each is read here, changed
@@ -420,10 +334,10 @@ class ForeignImage : public FatImage, public testing::WithParamInterface<Maker> 
 TEST_P(ForeignImage, TreeWrittenByMtoolsReadsBackHere) {
   auto files = TreeFiles();
   fs::path src = dir_ / "src";
-  for (const auto &[path, size] : files) {
+  for (const auto &[path, data] : files) {
     fs::create_directories((src / path).parent_path());
     if (path.back() != '/') {
-      WriteFile(src / path, Pattern(size, SeedOf(path)));
+      WriteFile(src / path, data);
     }
   }
   WriteFile(src / "deleted later.txt", "gone");
@@ -442,12 +356,7 @@ TEST_P(ForeignImage, TreeWrittenByMtoolsReadsBackHere) {
   {
     Floppy f(image_, false);
     ASSERT_EQ(FAT_OK, f.error);
-    EXPECT_EQ(TreeListing(files), f.Tree());
-    for (const auto &[path, size] : files) {
-      if (path.back() != '/') {
-        EXPECT_TRUE(f.Get(path) == Pattern(size, SeedOf(path))) << path;
-      }
-    }
+    EXPECT_EQ(TreeSnapshot(files), f.Tree());
     EXPECT_EQ(FAT_OK, f.Put("Drivers/Net/driver.cat", "shorter"));
     EXPECT_EQ(FAT_OK, f.Put("Added Later/Neu hinzugefügt.txt", Pattern(5000, 1)));
   }
@@ -563,25 +472,25 @@ class FullRoot : public FatImage, public testing::WithParamInterface<TsvRow> {};
 
 TEST_P(FullRoot, RefusesTheNameThatDoesNotFit) {
   const auto &f = GetParam().cells;  // name, entries each, how many fit
-  auto numbered = [](std::string name, int i) {
-    return name.replace(name.find('#'), 1, std::to_string(i));
-  };
   size_t fit = 0, topUp = 0;
   {
     Floppy floppy(image_, true);
     ASSERT_EQ(FAT_OK, floppy.error);
     LogCapture log;
-    FATError err = FAT_OK;
-    while (err == FAT_OK && fit <= 224) {
-      err = floppy.Put(numbered(f[0], static_cast<int>(fit + 1)), "");
-      fit += err == FAT_OK;
-    }
-    EXPECT_EQ(FAT_ERR_DIR_FULL, err);
-    for (err = FAT_OK; err == FAT_OK && topUp <= 224;) {
-      err = floppy.Put(numbered("Z#", static_cast<int>(topUp + 1)), "");
-      topUp += err == FAT_OK;
-    }
-    EXPECT_EQ(FAT_ERR_DIR_FULL, err);
+    // Names until the directory is full: how many went in.
+    auto fill = [&](const std::string &name) {
+      size_t n = 0;
+      FATError err;
+      while ((err = floppy.Put(testing_support::Replace(name, "#", std::to_string(n + 1)), "")) ==
+                 FAT_OK &&
+             n < 224) {
+        n++;
+      }
+      EXPECT_EQ(FAT_ERR_DIR_FULL, err);
+      return n;
+    };
+    fit = fill(f[0]);
+    topUp = fill("Z#");
     EXPECT_EQ(2u, log.lines().size()) << log.all();
   }
   EXPECT_EQ(std::stoul(f[2]), fit);
@@ -591,7 +500,7 @@ TEST_P(FullRoot, RefusesTheNameThatDoesNotFit) {
   EXPECT_EQ(fit + topUp, static_cast<size_t>(std::count(listed.begin(), listed.end(), '\n')));
 }
 INSTANTIATE_TEST_SUITE_P(Fat, FullRoot, testing::ValuesIn(ReadTsv("fat/root-full.tsv", 3)),
-                         RowName);
+                         testing_support::TsvRowNamer());
 
 // Sets FAT12 entry n to v in both copies.
 void SetFat12(std::string *img, uint32_t n, uint32_t v) {
@@ -689,7 +598,7 @@ TEST_P(HostileFloppy, GivesItsErrorWithOneLogLine) {
   EXPECT_EQ(silent ? 0u : 1u, log.lines().size()) << log.all();
 }
 INSTANTIATE_TEST_SUITE_P(Fat, HostileFloppy, testing::ValuesIn(ReadTsv("fat/hostile.tsv", 4)),
-                         RowName);
+                         testing_support::TsvRowNamer());
 
 TEST_F(FatImage, FilesAndDirectoriesAreNotMistakenForEachOther) {
   Floppy f(image_, true);

@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <chrono>
 #include <cstdlib>
@@ -225,6 +226,119 @@ std::string TsvRowName(const TsvRow &row) {
     c = isalnum(static_cast<unsigned char>(c)) ? c : '_';
   }
   return name.substr(0, 60);
+}
+
+std::vector<std::string> Split(const std::string &text, const std::string &sep) {
+  std::vector<std::string> out;
+  for (size_t at = 0; at <= text.size();) {
+    const size_t end = std::min(text.find(sep, at), text.size());
+    if (end > at) {
+      out.push_back(text.substr(at, end - at));
+    }
+    at = end + sep.size();
+  }
+  return out;
+}
+
+std::string Replace(std::string text, const std::string &from, const std::string &to) {
+  for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
+    text.replace(at, from.size(), to);
+  }
+  return text;
+}
+
+std::string Lower(std::string text) {
+  for (char &c : text) {
+    c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+  }
+  return text;
+}
+
+std::string Pattern(size_t size, unsigned seed) {
+  std::string s(size, '\0');
+  uint32_t x = seed * 2654435761u + 1;
+  for (char &c : s) {
+    x = x * 1103515245u + 12345u;
+    c = static_cast<char>(x >> 16);
+  }
+  return s;
+}
+
+Floppy::Floppy(const std::filesystem::path &path, bool format) {
+  FATDevice *device = nullptr;
+  error = FATDevFileIO_Open(path.c_str(), &device);
+  if (error == FAT_OK) {
+    error = format ? FAT_FormatVolume(device, kFATFloppy144Size, 0, &volume)
+                   : FAT_OpenVolume(device, &volume);
+  }
+  if (error == FAT_OK) {
+    error = FAT_SkipVolumeBoot(volume);
+  }
+  if (error == FAT_OK) {
+    error = FAT_OpenRootDirectory(volume, &root);
+  }
+}
+
+Floppy::~Floppy() {
+  if (root != nullptr) {
+    EXPECT_EQ(FAT_OK, FAT_CloseDirectory(root));
+  }
+  if (volume != nullptr) {
+    EXPECT_EQ(FAT_OK, FAT_CloseVolume(volume));
+  }
+}
+
+const char *const kHostIsolinuxBin = "/usr/lib/ISOLINUX/isolinux.bin";
+const char *const kHostLdlinux = "/usr/lib/syslinux/modules/bios/ldlinux.c32";
+
+std::string IsolinuxFile(const std::string &name) {
+  const size_t size = name == "edge/entry-before-4k.cfg"  ? 3971
+                      : name == "edge/entry-after-4k.cfg" ? 4480
+                                                          : 0;
+  if (size == 0) {
+    return ReadFile(DataDir() / "isolinux" / name);
+  }
+  const std::string entry = "label linux\n  kernel vmlinuz\n  append initrd=initrd.img\n";
+  std::string text = "default linux\n";
+  while (size - text.size() - entry.size() > 61) {
+    text += "# " + std::string(57, '.') + "\n";
+  }
+  return text + "#" + std::string(size - text.size() - entry.size() - 2, '.') + "\n" + entry;
+}
+
+std::map<std::string, std::string> BuildMedium(
+    const std::filesystem::path &root, const std::string &files,
+    const std::map<std::string, std::filesystem::path> &sources) {
+  std::map<std::string, std::string> contents;
+  std::filesystem::create_directories(root);
+  for (const std::string &entry : Split(files, ",")) {
+    const size_t from = entry.find_first_of("<=");
+    const std::filesystem::path path = root / entry.substr(0, from);
+    const std::string base = path.filename().string(), source = entry.substr(from + 1);
+    std::string data = from == std::string::npos ? entry
+                       : entry[from] == '<'      ? IsolinuxFile(source)
+                                                 : ReadFile(sources.at(source));
+    if (from == std::string::npos && (base == "isolinux.bin" || base == "ldlinux.c32")) {
+      data = ReadFile(base == "isolinux.bin" ? kHostIsolinuxBin : kHostLdlinux);
+    }
+    WriteFile(path, data);
+    contents[base] = data;
+  }
+  return contents;
+}
+
+std::string FsckProblems(const std::filesystem::path &image) {
+  CommandResult r = RunCommand({"fsck.fat", "-n", image.string()});
+  return r.exitCode == 0 ? "" : r.output;
+}
+
+std::string MtoolsRead(const std::filesystem::path &image, const std::string &name) {
+  // Images made here carry no geometry mtools would check; names go through
+  // the locale's character set.
+  setenv("MTOOLS_SKIP_CHECK", "1", 1);
+  setenv("LC_ALL", "C.UTF-8", 1);
+  CommandResult r = RunCommand({"mtype", "-i", image.string(), "::" + name});
+  return r.exitCode == 0 ? r.output : "<mtype failed: " + r.output + ">";
 }
 
 }  // namespace testing_support

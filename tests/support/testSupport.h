@@ -4,9 +4,12 @@
 #define GUESTPREP_TESTS_SUPPORT_H
 
 #include <filesystem>
+#include <map>
 #include <ostream>
 #include <string>
 #include <vector>
+
+#include "platform/fat/fat.h"
 
 namespace testing_support {
 
@@ -94,6 +97,58 @@ std::vector<TsvRow> ReadTsv(const std::string &path, size_t columns);
 // A test name for a row: "L<line>_" and its first cell, every character
 // but letters and digits as "_".
 std::string TsvRowName(const TsvRow &row);
+
+// The same as a parameterised suite's name generator.
+struct TsvRowNamer {
+  template <typename Info>
+  std::string operator()(const Info &info) const {
+    return TsvRowName(info.param);
+  }
+};
+
+// The pieces of text between the separators, empty pieces dropped.
+std::vector<std::string> Split(const std::string &text, const std::string &sep);
+// Every from in text replaced by to.
+std::string Replace(std::string text, const std::string &from, const std::string &to);
+std::string Lower(std::string text);
+
+// Bytes that differ from one offset to the next, so a misplaced block shows.
+std::string Pattern(size_t size, unsigned seed);
+
+// A 1.44 MB floppy image at path, freshly formatted or opened, and its root
+// directory; both closed in order. error is the first failure.
+struct Floppy {
+  Floppy(const std::filesystem::path &path, bool format);
+  ~Floppy();
+  Floppy(const Floppy &) = delete;
+  Floppy &operator=(const Floppy &) = delete;
+  FATVolume *volume = nullptr;
+  FATDirectory *root = nullptr;
+  FATError error = FAT_OK;
+};
+
+// The host's boot loader, which media trees take.
+extern const char *const kHostIsolinuxBin;
+extern const char *const kHostLdlinux;
+
+// A file of DataDir()/isolinux. Two configurations around the 4 KiB the
+// medium scan reads are made here instead, their one entry last behind
+// comment lines: "edge/entry-before-4k.cfg" (3971 bytes) and
+// "edge/entry-after-4k.cfg" (4480 bytes, the entry starting at 4424).
+std::string IsolinuxFile(const std::string &name);
+
+// Builds below root the medium a table cell lists: comma-separated paths;
+// "path<file" holds IsolinuxFile(file), "path=key" the host file
+// sources[key], isolinux.bin and ldlinux.c32 the host's, any other its own
+// path. The contents by base name (a later file of the same name wins).
+std::map<std::string, std::string> BuildMedium(
+    const std::filesystem::path &root, const std::string &files,
+    const std::map<std::string, std::filesystem::path> &sources = {});
+
+// fsck.fat's verdict on a FAT image without repairing it: "" when clean.
+std::string FsckProblems(const std::filesystem::path &image);
+// A file of a FAT image as mtools reads it, or "<mtype failed: ...>".
+std::string MtoolsRead(const std::filesystem::path &image, const std::string &name);
 
 }  // namespace testing_support
 
