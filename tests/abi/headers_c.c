@@ -2,6 +2,7 @@
 #include <guestprep/autoinstall.h>
 #include <guestprep/common.h>
 #include <guestprep/guess.h>
+#include <guestprep/iniutil.h>
 
 const char *guestprep_abi_label(void) {
   return BRM_EMBED_LABEL;
