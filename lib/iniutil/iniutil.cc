@@ -3,10 +3,9 @@
  * writer that rewrites the whole file with one value set.
  *
  * Both walk the file in pieces of at most 1,023 bytes, the way a 1,024-byte
- * line buffer sees it, so a longer line is several lines here; answer files
- * written by earlier releases were read that way and must keep meaning the
- * same. The reader cuts inline ";" comments before it looks at a line, the
- * writer does not (it copies lines it does not change byte for byte).
+ * line buffer sees it, so a longer line is several lines here. The reader
+ * cuts inline ";" comments before it looks at a line, the writer does not
+ * (it copies lines it does not change byte for byte).
  */
 #include "guestprep/iniutil.h"
 
