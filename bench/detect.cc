@@ -22,10 +22,11 @@
 #include <string>
 #include <vector>
 
+#include "bench/benchSupport.h"
 #include "guestprep/guess.h"
 #include "tests/guessGuest/mediaCorpus.h"
 
-extern char **environ;
+using bench::Run;
 
 namespace {
 
@@ -42,29 +43,6 @@ uint64_t BytesRead() {
     }
   }
   return 0;
-}
-
-int Run(const std::vector<std::string> &argv, bool quiet = true) {
-  std::vector<char *> args;
-  for (const std::string &a : argv) {
-    args.push_back(const_cast<char *>(a.c_str()));
-  }
-  args.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  if (quiet) {
-    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-  }
-  pid_t pid;
-  int rc = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (rc != 0) {
-    return -1;
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 double Median(std::vector<double> v) {

@@ -23,12 +23,13 @@
 #include <string>
 #include <vector>
 
+#include "bench/benchSupport.h"
 #include "platform/fat/fat.h"
 #include "platform/file/fileIO.h"
 
-extern char **environ;
-
 namespace fs = std::filesystem;
+
+using bench::Run;
 
 namespace {
 
@@ -91,27 +92,6 @@ bool WriteHostTree(const fs::path &top, const std::map<std::string, size_t> &fil
     }
   }
   return true;
-}
-
-int Run(const std::vector<std::string> &argv) {
-  std::vector<char *> args;
-  for (const std::string &a : argv) {
-    args.push_back(const_cast<char *>(a.c_str()));
-  }
-  args.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-  pid_t pid;
-  int rc = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (rc != 0) {
-    return -1;
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 // One host file into the directory, as the floppy transfer copies it.
