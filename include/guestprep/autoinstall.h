@@ -73,7 +73,7 @@ typedef struct ReservedAccountName {
  * and flags are the caller's to interpret; the lists point into constant
  * tables and are never freed. */
 typedef struct InstallConfigInfo {
-  const ReservedAccountName *familyReservedNames; /* may be null */
+  const ReservedAccountName *familyReservedNames;  /* may be null */
   const ReservedAccountName *variantReservedNames; /* may be null */
   uint32_t familyValue1;
   uint32_t variantValue1;
@@ -111,8 +111,7 @@ GUESTPREP_API AutoInstallTextStatus AutoInstall_ValidatePassword(const char *fam
                                                                  const char *text, char **message);
 GUESTPREP_API AutoInstallTextStatus AutoInstall_ValidateShortName(const char *familyKey,
                                                                   const GuessInfo *info,
-                                                                  const char *text,
-                                                                  char **message);
+                                                                  const char *text, char **message);
 GUESTPREP_API AutoInstallTextStatus AutoInstall_ValidateName(const char *familyKey,
                                                              const GuessInfo *info,
                                                              const char *text, char **message);
@@ -274,6 +273,69 @@ GUESTPREP_API AutoInstallTextStatus AutoInstallValidateWindowsText(const GuessIn
                                                                    const char *text,
                                                                    AutoInstallTextKind kind,
                                                                    char **message);
+
+/* Prepares the answer files of an unattended Windows install in
+ * guestConfigDir: copies winntTemplatePath to "winnt.sif", xmlTemplatePath
+ * to "autoun~0.xml" and, when storePwdTemplatePath is not null, that file
+ * to "storePwd.ini" (older files are overwritten), then fills in the full
+ * name, the administrator password and automatic logon, the host's time
+ * zone, the language and the first-logon commands. language null or empty
+ * means "en-US" (Vista and later) or "English"; it also picks the code page
+ * of the texts in "winnt.sif" (Japanese Shift_JIS, Russian windows-1251,
+ * Simplified Chinese GBK, Traditional Chinese Big5, Korean CP949, else
+ * windows-1252; a text the code page cannot hold goes in as UTF-8). The XML
+ * file always holds UTF-8, escaped as XML text. editionName must not be
+ * null: it selects the image to install. keepAutoLogon leaves automatic
+ * logon on after the first logon; keepSizedPartitions keeps the template's
+ * partition layout.
+ *
+ * A text with a line break (CR or LF) is refused, because "winnt.sif" could
+ * not hold it on one line. False, with one log line naming the failed step,
+ * for an unknown or non-Windows osKey, a template that cannot be copied, a
+ * failed INI write or an XML template that does not parse; files copied
+ * before the failure stay. */
+GUESTPREP_API bool AutoInstall_PrepareAnswerFileEx(
+    const char *winntTemplatePath, const char *xmlTemplatePath, const char *storePwdTemplatePath,
+    const char *fullName, const char *password, const char *guestOSKey, GuessVersion version,
+    const char *guestConfigDir, const char *language, const char *editionName, bool keepAutoLogon,
+    bool keepSizedPartitions);
+
+/* Builds the Windows install floppy guestConfigDir/"autoinst.flp" from the
+ * files AutoInstall_PrepareAnswerFileEx left there: the storage driver
+ * files (scsiDriverDir, a directory inside the tools image toolsIsoPath
+ * when that is given, else on the host; registered in "winnt.sif"),
+ * "winnt.sif", "autoun~0.xml", "storePwd.ini" with hostFilesDir/
+ * "storePwd.exe" (when the INI file was prepared), "upgrader.exe" from
+ * upgraderIsoLocation/"BrimleToolsUpgrader.exe" in the tools image, and
+ * hostFilesDir/"unattend.cmd". floppyTemplatePath null formats a new
+ * 1.44 MB floppy; else the image starts as a copy of that file. Opens the
+ * tools image with its Joliet names.
+ *
+ * The answer files are deleted from guestConfigDir afterwards, whatever the
+ * outcome (prepare them again for another floppy); "autoinst.flp" stays,
+ * also after a failure. False, with one log line naming the failed step,
+ * when the floppy cannot be made, a driver directory is empty or cannot be
+ * extracted, or one of the required files cannot be added. A tools image
+ * that does not exist leaves the upgrader out; one that exists but lacks
+ * it fails. */
+GUESTPREP_API bool AutoInstall_MakeFloppyImg(const char *floppyTemplatePath,
+                                             const char *guestConfigDir, const char *toolsIsoPath,
+                                             const char *scsiDriverDir,
+                                             const char *upgraderIsoLocation,
+                                             const char *hostFilesDir);
+
+/* Registers the storage driver described by the "txtsetup.oem" file
+ * oemPath in the "MassStorageDrivers" section of "winnt.sif" (winntPath):
+ * the first line naming a known driver identifier before its "=" and a
+ * quoted description after it gives the line <"description">=OEM. Warns
+ * (one line) when no line does; an unreadable file is skipped silently. */
+GUESTPREP_API void WriteOEMDriverInfo(const char *oemPath, const char *winntPath);
+
+/* Adds the host file srcPath to the root of guestConfigDir/"autoinst.flp"
+ * as name. False when there is no floppy image there or the file cannot be
+ * added. */
+GUESTPREP_API bool AutoInstall_AddFileToFloppyImg(const char *srcPath, const char *name,
+                                                  const char *guestConfigDir);
 
 GUESTPREP_EXTERN_C_END
 

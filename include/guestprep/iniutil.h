@@ -55,7 +55,11 @@ GUESTPREP_API bool IniUtil_GetIniFileInt(const char *path, const char *section, 
  * an interrupted call leaves the old or the new file, never a mix; a
  * symbolic link at path is replaced by the new file. False, with the file
  * untouched, when it cannot be read or replaced, holds a header without
- * "]", or grows past 522,240 bytes. */
+ * "]", or grows past 522,240 bytes. Also false, with the file untouched,
+ * for texts that would change the file's lines rather than one value: a
+ * carriage return or line feed anywhere, a section name holding "]", an
+ * empty key, a key holding "=" or beginning (after blanks) with "[" or
+ * ";". */
 GUESTPREP_API bool IniUtil_WriteIniFileString(const char *path, const char *section,
                                               const char *key, const char *value, bool quote);
 

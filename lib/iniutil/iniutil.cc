@@ -261,8 +261,22 @@ bool ReplaceFile(const char *path, const std::string &data) {
   return FileIO_AtomicCommit(&w) == FILEIO_SUCCESS;
 }
 
+// Texts that would change the file's structure rather than one value: a
+// line break starts a new line (a header, another key), a key that begins
+// like a header or comment, or holds "=", is not read back as that key, and
+// "]" ends a section name early.
+bool SafeTexts(std::string_view section, std::string_view key, std::string_view value) {
+  auto breaks = [](std::string_view t) { return t.find_first_of("\r\n") != t.npos; };
+  std::string_view k = key.substr(std::min(key.find_first_not_of(" \t"), key.size()));
+  return !breaks(section) && section.find(']') == section.npos && !breaks(key) && !k.empty() &&
+         k[0] != '[' && k[0] != ';' && key.find('=') == key.npos && !breaks(value);
+}
+
 bool WriteString(const char *path, const char *section, const char *key, const char *value,
                  bool quote) {
+  if (!SafeTexts(section, key, value)) {
+    return false;
+  }
   std::string out;
   {
     File f = OpenForReading(path);
