@@ -16,10 +16,23 @@ std::atomic<int> gLogFd{STDERR_FILENO};
 std::atomic<int> gMaxLevel{LOG_LEVEL_INFO};
 
 void FdSink(void *, int, const char *text, size_t len) {
-  std::string line(text, len);
-  if (line.empty() || line.back() != '\n') {
-    line.push_back('\n');
+  if (len > 0 && text[len - 1] == '\n') {
+    len--;
   }
+  // Control characters inside a message (a line break in a user's text)
+  // are written as \xNN, so no text can forge or split a log line.
+  std::string line;
+  line.reserve(len + 1);
+  for (size_t i = 0; i < len; i++) {
+    unsigned char c = static_cast<unsigned char>(text[i]);
+    if ((c < 0x20 && c != '\t') || c == 0x7f) {
+      static constexpr char kHex[] = "0123456789ABCDEF";
+      line += {'\\', 'x', kHex[c >> 4], kHex[c & 0xf]};
+    } else {
+      line.push_back(static_cast<char>(c));
+    }
+  }
+  line.push_back('\n');
   const char *p = line.data();
   size_t left = line.size();
   int fd = gLogFd.load(std::memory_order_relaxed);
@@ -130,7 +143,8 @@ void Log_SetSink(LogSinkFn fn, void *ctx, LogSinkFn *prevFn, void **prevCtx) {
 }
 
 bool Log_SetFile(const char *path) {
-  int fd = ::open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  int fd = path == nullptr ? STDERR_FILENO
+                           : ::open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
   if (fd < 0) {
     return false;
   }

@@ -5,7 +5,9 @@
  * sink as one piece of text (the formatted message exactly as the caller
  * wrote it). The default sink writes it to standard error with a single
  * write(), adding a line feed when the text lacks one, so concurrent writers
- * never interleave inside a line. Tests replace the sink to capture lines.
+ * never interleave inside a line; control characters inside the text (a
+ * line feed in a user's name) are written as \xNN, so one event is always
+ * one line. Tests replace the sink to capture lines.
  */
 #ifndef GUESTPREP_PLATFORM_LOG_H
 #define GUESTPREP_PLATFORM_LOG_H
@@ -38,7 +40,8 @@ using LogSinkFn = void (*)(void *ctx, int level, const char *text, size_t len);
 void Log_SetSink(LogSinkFn fn, void *ctx, LogSinkFn *prevFn = nullptr, void **prevCtx = nullptr);
 
 /* Sends events to the named file (appending) instead of standard error.
- * False, with the sink unchanged, when the file cannot be opened. */
+ * False, with the sink unchanged, when the file cannot be opened. A null
+ * path goes back to standard error. */
 bool Log_SetFile(const char *path);
 
 /* Events above this level are dropped before reaching the sink (default:

@@ -31,3 +31,15 @@ TEST(LogDeathTest, PanicLogsAndAborts) {
   EXPECT_DEATH(Panic("NOT_REACHED %s:%d \n", "lib/guessGuest/guess", 12),
                "NOT_REACHED lib/guessGuest/guess:12");
 }
+
+// A line break or other control character inside a message cannot start a
+// second line in the log file; the final line feed stays.
+TEST(Log, FileLinesEscapeControlCharacters) {
+  testing_support::TempDir dir;
+  ASSERT_TRUE(Log_SetFile((dir / "log.txt").c_str()));
+  Log("%s: FullName=\"%s\"\n", "Fn", "a\nForged: line\x01\tz");
+  Log("no line feed");
+  Log_SetFile(nullptr);
+  EXPECT_EQ("Fn: FullName=\"a\\x0AForged: line\\x01\tz\"\nno line feed\n",
+            testing_support::ReadFile(dir / "log.txt"));
+}
