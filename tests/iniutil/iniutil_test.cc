@@ -34,7 +34,7 @@ std::string Expand(const std::string &cell) {
   if (std::regex_match(cell, m, repeat)) {
     return std::string(std::stoul(m[2].str()), m[1].str()[0]);
   }
-  return cell;
+  return testing_support::Replace(testing_support::Replace(cell, "\\n", "\n"), "\\r", "\r");
 }
 
 // A scratch copy of a sample, so the writer may change it.
@@ -106,8 +106,8 @@ TEST_P(IniWriteTest, WritesFile) {
     ok = IniUtil_WriteIniFileInt(file.c_str(), c[2].c_str(), c[3].c_str(),
                                  std::stoi(value.substr(4)));
   } else {
-    ok = IniUtil_WriteIniFileString(file.c_str(), c[2].c_str(), c[3].c_str(), value.c_str(),
-                                    c[5] == "1");
+    ok = IniUtil_WriteIniFileString(file.c_str(), Expand(c[2]).c_str(), Expand(c[3]).c_str(),
+                                    value.c_str(), c[5] == "1");
   }
 
   EXPECT_EQ(ok, c[6] == "1");
