@@ -315,9 +315,10 @@ GUESTPREP_API bool AutoInstall_PrepareAnswerFileEx(
  * outcome (prepare them again for another floppy); "autoinst.flp" stays,
  * also after a failure. False, with one log line naming the failed step,
  * when the floppy cannot be made, a driver directory is empty or cannot be
- * extracted, or one of the required files cannot be added. A tools image
- * that does not exist leaves the upgrader out; one that exists but lacks
- * it fails. */
+ * extracted, or one of the required files cannot be added. A driver file
+ * that does not fit is left as an empty entry and the others still go on.
+ * A tools image that does not exist leaves the upgrader out; one that
+ * exists but lacks it fails. */
 GUESTPREP_API bool AutoInstall_MakeFloppyImg(const char *floppyTemplatePath,
                                              const char *guestConfigDir, const char *toolsIsoPath,
                                              const char *scsiDriverDir,
@@ -328,7 +329,8 @@ GUESTPREP_API bool AutoInstall_MakeFloppyImg(const char *floppyTemplatePath,
  * oemPath in the "MassStorageDrivers" section of "winnt.sif" (winntPath):
  * the first line naming a known driver identifier before its "=" and a
  * quoted description after it gives the line <"description">=OEM. Warns
- * (one line) when no line does; an unreadable file is skipped silently. */
+ * (one line) when no line does; an unreadable file, or one over 1 MiB, is
+ * skipped silently. The text ends at its first NUL byte. */
 GUESTPREP_API void WriteOEMDriverInfo(const char *oemPath, const char *winntPath);
 
 /* Adds the host file srcPath to the root of guestConfigDir/"autoinst.flp"
