@@ -48,11 +48,18 @@ std::string FailedStep(const std::string &what);
 extern bool gQuiet;
 void Progress(const std::string &what);
 
-// Detects the installation image for the Linux install commands: kExitOk
-// with info (osKey: the key naming the architecture) and family filled, or
-// the command's exit code after one line saying why the image cannot be
-// prepared.
-int DetectLinuxInstall(const std::string &image, GuessInfo *info, LinuxInstallFamily *family);
+// Detects the installation image for the install commands: kExitOk with
+// info (osKey: the key naming the architecture) and family filled, or the
+// command's exit code after one line saying why the image cannot be
+// prepared. A supported Windows image passes (family none) when windowsToo.
+int DetectInstall(const std::string &image, GuessInfo *info, LinuxInstallFamily *family,
+                  bool windowsToo = false);
+
+bool IsWindowsKey(const std::string &osKey);
+
+// The Windows templates and host files: given, else the installed ones,
+// else those of the source tree the program was built from.
+std::string WindowsDataDir(const std::string &given);
 
 // Where AutoInstall_PrepareAnswerFileEx_Linux puts the family's answer file.
 std::string AnswerFilePath(const std::string &dir, LinuxInstallFamily family);

@@ -1,18 +1,24 @@
 // guestprep answer IMAGE ...: the unattended-install answer file for the
 // guest an installation image installs.
+#include <strings.h>
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <vector>
 
 #include "cli.h"
 #include "guestprep/autoinstall.h"
 #include "guestprep/guess.h"
 #include "lib/guestInstall/autoinstallLinux.h"
+#include "lib/guestInstall/autoinstallWindows.h"
 #include "platform/msg/msg.h"
+#include "platform/timeutil/timeutil.h"
 
 #include <openssl/crypto.h>
 
@@ -28,6 +34,14 @@ struct Options {
   bool powerOff = false;
   bool nvme = false;
   bool json = false;
+  // Windows
+  std::string productKey;
+  std::string timeZone;
+  std::string edition;
+  std::string language;
+  std::string templateDir;
+  bool keepAutoLogon = false;
+  bool keepPartitions = false;
 } gOpt;
 
 // Long enough for any passphrase, short enough that a wrong file (an image,
@@ -117,11 +131,178 @@ bool CheckTexts(const GuessInfo &info, const Secret &password, const Secret &roo
   return ok;
 }
 
+/* Windows */
+
+// The entries of a "?"-terminated list field.
+std::vector<std::string> ListField(const char *field) {
+  std::vector<std::string> out;
+  std::string item;
+  for (const char *p = field; *p != '\0'; p++) {
+    if (*p == '?') {
+      out.push_back(item);
+      item.clear();
+    } else {
+      item += *p;
+    }
+  }
+  return out;
+}
+
+std::string Pretty(const std::string &edition) {
+  char *pretty = AutoInstall_GetPrettyWindowsName(edition.c_str());
+  std::string out = pretty != nullptr ? pretty : edition;
+  free(pretty);
+  return out;
+}
+
+// The edition to install: --edition as listed or as displayed (any case),
+// else the image's only one.
+bool ChooseEdition(const GuessInfo &info, std::string *edition) {
+  std::vector<std::string> editions = ListField(info.editions);
+  for (const std::string &e : editions) {
+    if (gOpt.edition.empty() ? editions.size() == 1
+                             : strcasecmp(e.c_str(), gOpt.edition.c_str()) == 0 ||
+                                   strcasecmp(Pretty(e).c_str(), gOpt.edition.c_str()) == 0) {
+      *edition = e;
+      return true;
+    }
+  }
+  if (editions.empty()) {
+    if (gOpt.edition.empty()) {
+      cli::Fail(gOpt.image + ": the image lists no editions; name one with --edition");
+      return false;
+    }
+    *edition = gOpt.edition;  // the image's own list could not be read
+    return true;
+  }
+  std::string names;
+  for (const std::string &e : editions) {
+    names += (names.empty() ? "" : ", ") + Pretty(e);
+  }
+  cli::Fail(gOpt.edition.empty() ? "choose an edition with --edition: " + names
+                                 : "--edition " + gOpt.edition + " is not on the image: " + names);
+  return false;
+}
+
+// Windows product keys: five groups of five letters and digits.
+bool ValidProductKey(std::string *key) {
+  if (key->size() != 29) {
+    return false;
+  }
+  for (size_t i = 0; i < key->size(); i++) {
+    char &c = (*key)[i];
+    if (i % 6 == 5 ? c != '-' : !isalnum(static_cast<unsigned char>(c))) {
+      return false;
+    }
+    c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
+  }
+  return true;
+}
+
+int gZoneIndex = -1;
+std::string gZoneName;
+int ChosenZone(char **name) {
+  *name = gZoneName.empty() ? nullptr : strdup(gZoneName.c_str());
+  return gZoneIndex;
+}
+
+bool HasControl(const std::string &text) {
+  return std::any_of(text.begin(), text.end(),
+                     [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; });
+}
+
+int RunWindows(const GuessInfo &info, const Secret &password) {
+  if (!gOpt.user.empty() || !gOpt.rootPasswordFile.empty()) {
+    cli::Fail(std::string(gOpt.user.empty() ? "--root-password-file" : "--user") +
+              ": Windows guests have one account, named by --full-name");
+    return cli::kExitFailure;
+  }
+  bool ok = true;
+  char *message = nullptr;
+  if (AutoInstall_ValidateName("windows", &info, gOpt.fullName.c_str(), &message) !=
+      AUTOINSTALL_TEXT_OK) {
+    fprintf(stderr, "guestprep: --full-name: %s\n", message);
+    free(message);
+    ok = false;
+  }
+  for (auto [option, text] :
+       {std::pair<const char *, const std::string *>{"--full-name", &gOpt.fullName},
+        std::pair<const char *, const std::string *>{"--password-file", &password.text}}) {
+    if (HasControl(*text)) {
+      cli::Fail(std::string(option) + ": must not hold line breaks or other control characters");
+      ok = false;
+    }
+  }
+  if (!gOpt.productKey.empty() && !ValidProductKey(&gOpt.productKey)) {
+    cli::Fail("--product-key: expected five groups of five letters or digits joined by \"-\"");
+    ok = false;
+  }
+  std::string edition;
+  if (!ok || !ChooseEdition(info, &edition)) {
+    return cli::kExitFailure;
+  }
+  if (gOpt.timeZone.empty()) {
+    char *name = nullptr;
+    gZoneIndex = TimeUtil_GetLocalWindowsTimeZoneIndexAndName(&name);
+    gZoneName = name != nullptr ? name : "";
+    free(name);
+  } else {
+    gZoneIndex = gp::WindowsTimeZoneFor(gOpt.timeZone, &gZoneName);
+    if (gZoneName.empty()) {
+      cli::Fail("--time-zone " + gOpt.timeZone + ": no Windows time zone for this zone");
+      return cli::kExitFailure;
+    }
+  }
+  std::error_code ec;
+  std::filesystem::create_directories(gOpt.outDir, ec);
+  if (ec) {
+    cli::Fail("cannot create " + gOpt.outDir + ": " + ec.message());
+    return cli::kExitFailure;
+  }
+  const std::string data = cli::WindowsDataDir(gOpt.templateDir);
+  const std::string winnt = data + "/winnt.sif", xml = data + "/autounattend.xml",
+                    storePwd = data + "/storePwd.ini";
+  const std::string language = gOpt.language.empty() ? info.language : gOpt.language;
+  if (!autoinstall::PrepareWindowsAnswerFiles(
+          winnt.c_str(), xml.c_str(), storePwd.c_str(), gOpt.fullName.c_str(),
+          password.text.c_str(), info.osKey, info.version, gOpt.outDir.c_str(), language.c_str(),
+          edition.c_str(), gOpt.keepAutoLogon, gOpt.keepPartitions, ChosenZone) ||
+      (!gOpt.productKey.empty() &&
+       !autoinstall::SetWindowsProductKey(gOpt.outDir.c_str(), gOpt.productKey.c_str()))) {
+    cli::Fail(cli::FailedStep("cannot write the answer files into " + gOpt.outDir));
+    return cli::kExitFailure;
+  }
+
+  nlohmann::ordered_json j;
+  j["image"] = gOpt.image;
+  j["osKey"] = info.osKey;
+  j["edition"] = edition;
+  j["editionName"] = Pretty(edition);
+  j["language"] = language.empty() ? "(default)" : language;
+  j["timeZone"] = gZoneName.empty() ? "(template)" : gZoneName;
+  j["zoneIndex"] = gZoneIndex;
+  j["answerFiles"] = {gOpt.outDir + "/winnt.sif", gOpt.outDir + "/autoun~0.xml",
+                      gOpt.outDir + "/storePwd.ini"};
+  cli::PrintRecord(j, gOpt.json);
+  return cli::kExitOk;
+}
+
 int Run() {
   GuessInfo info;
   LinuxInstallFamily family;
-  if (int code = cli::DetectLinuxInstall(gOpt.image, &info, &family); code != cli::kExitOk) {
+  if (int code = cli::DetectInstall(gOpt.image, &info, &family, true); code != cli::kExitOk) {
     return code;
+  }
+  if (family == LINUX_FAMILY_NONE) {
+    Secret password;
+    if (!ReadPassword(gOpt.passwordFile, "--password-file", &password)) {
+      return cli::kExitFailure;
+    }
+    return RunWindows(info, password);
+  }
+  if (gOpt.user.empty()) {
+    cli::Fail("--user: required for Linux guests");
+    return cli::kExitUsage;
   }
 
   Secret password, rootPassword;
@@ -158,15 +339,18 @@ int Run() {
 CLI::App *Add(CLI::App &app) {
   CLI::App *cmd = app.add_subcommand(
       "answer",
-      "Write the unattended-install answer file for the Linux guest an installation image "
-      "installs: \"ks.cfg\", \"custom/preseed.cfg\", \"autoinst.xml\" or \"auto_i~1.cfg\" in "
-      "DIR, then print its path, the kernel argument that points the installer at it and "
-      "whether it goes on a floppy. Passwords are read from files (the first line), or from "
+      "Write the unattended-install answer file for the guest an installation image "
+      "installs. Linux: \"ks.cfg\", \"custom/preseed.cfg\", \"autoinst.xml\" or "
+      "\"auto_i~1.cfg\" in DIR, then print its path, the kernel argument that points the "
+      "installer at it and whether it goes on a floppy. Windows: \"winnt.sif\", "
+      "\"autoun~0.xml\" and \"storePwd.ini\" in DIR for the chosen edition, the account "
+      "--full-name with the password, the time zone and the product key. Passwords are read from "
+      "files (the first line), or from "
       "standard input with \"-\", never from the command line. Exit 0 when written, 1 when "
       "the guest cannot be installed unattended or a text is rejected (each rejected text's "
       "reason on stderr), 2 when the image cannot be opened.");
   cmd->add_option("IMAGE", gOpt.image, "Installation image")->required();
-  cmd->add_option("--user", gOpt.user, "User name of the account to create")->required();
+  cmd->add_option("--user", gOpt.user, "Linux: user name of the account to create (required)");
   cmd->add_option("--full-name", gOpt.fullName, "Full name of that account")->required();
   cmd->add_option("--password-file", gOpt.passwordFile, "File holding the account's password")
       ->required()
@@ -178,6 +362,24 @@ CLI::App *Add(CLI::App &app) {
   cmd->add_flag("--nvme", gOpt.nvme, "Ubuntu: install to the first NVMe disk");
   cmd->add_option("--out", gOpt.outDir, "Directory that receives the answer file")
       ->required()
+      ->type_name("DIR");
+  cmd->add_option("--product-key", gOpt.productKey, "Windows: product key XXXXX-XXXXX-...")
+      ->type_name("KEY");
+  cmd->add_option("--time-zone", gOpt.timeZone,
+                  "Windows: IANA time zone such as Europe/Berlin (default: the host's)")
+      ->type_name("ZONE");
+  cmd->add_option("--edition", gOpt.edition,
+                  "Windows: edition to install, as detect lists it or displays it (default: "
+                  "the image's only one)");
+  cmd->add_option("--language", gOpt.language,
+                  "Windows: installation language (default: the image's)");
+  cmd->add_flag("--keep-autologon", gOpt.keepAutoLogon,
+                "Windows: automatic logon stays on after the first logon");
+  cmd->add_flag("--keep-partitions", gOpt.keepPartitions,
+                "Windows: keep the template's sized partitions");
+  cmd->add_option("--template-dir", gOpt.templateDir,
+                  "Windows: directory holding winnt.sif, autounattend.xml and storePwd.ini "
+                  "(default: the installed templates)")
       ->type_name("DIR");
   cmd->add_flag("--json", gOpt.json, "One JSON object instead of text");
   return cmd;

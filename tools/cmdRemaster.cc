@@ -106,7 +106,7 @@ class CapturedOutput {
 int Run() {
   GuessInfo info;
   LinuxInstallFamily family;
-  if (int code = cli::DetectLinuxInstall(gOpt.image, &info, &family); code != cli::kExitOk) {
+  if (int code = cli::DetectInstall(gOpt.image, &info, &family, false); code != cli::kExitOk) {
     return code;
   }
   const std::string answerFile = cli::AnswerFilePath(gOpt.answerDir, family);

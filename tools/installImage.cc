@@ -10,6 +10,7 @@
 #include "guestprep/autoinstall.h"
 #include "lib/guessGuest/guessDetect.h"
 #include "lib/guestInstall/autoinstallLinux.h"
+#include "platform/guestos/guestos.h"
 #include "platform/image/imageReader.h"
 #include "platform/log/log.h"
 
@@ -56,7 +57,8 @@ void Progress(const std::string &what) {
   }
 }
 
-int DetectLinuxInstall(const std::string &image, GuessInfo *info, LinuxInstallFamily *family) {
+int DetectInstall(const std::string &image, GuessInfo *info, LinuxInstallFamily *family,
+                  bool windowsToo) {
   gp::FirstDamageReporter damage;
   const GuessResult result = guess::Detect(image.c_str(), nullptr, info, &damage);
   if (result == GUESS_OPEN_FAILED) {
@@ -75,11 +77,24 @@ int DetectLinuxInstall(const std::string &image, GuessInfo *info, LinuxInstallFa
     Fail(image + ": " + info->osKey + " cannot be installed unattended");
     return kExitFailure;
   }
-  if (*family == LINUX_FAMILY_NONE) {
+  if (*family == LINUX_FAMILY_NONE && !(windowsToo && IsWindowsKey(info->osKey))) {
     Fail(image + ": " + info->osKey + ": this command prepares Linux guests only");
     return kExitFailure;
   }
   return kExitOk;
+}
+
+bool IsWindowsKey(const std::string &osKey) {
+  return GuestOS_IsWin(GuestOS_GetOSIDByName(osKey.c_str()));
+}
+
+std::string WindowsDataDir(const std::string &given) {
+  if (!given.empty()) {
+    return given;
+  }
+  // Installed beside the program; a build tree uses its sources.
+  std::string installed = GUESTPREP_DATADIR "/windows";
+  return access(installed.c_str(), R_OK) == 0 ? installed : GUESTPREP_SOURCE_DIR "/data/windows";
 }
 
 std::string AnswerFilePath(const std::string &dir, LinuxInstallFamily family) {

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The CLI's contract: --help and --version succeed, usage errors exit 2; detect's
 # exit codes, one stderr line per bad image, and output no image can break;
-# answer's files, reasons and exit codes; floppy and remaster.
+# answer's files, reasons and exit codes, Linux and Windows; floppy and remaster.
 set -uo pipefail
 cli=$1
 data=${2:-}
@@ -131,6 +131,51 @@ assert j["kernelArgs"] == "ks=cdrom:/ks.cfg" and j["needsFloppy"] is False, j
     fsck.fat -n "$work/flp/autoinst.flp" >/dev/null &&
     mtype -i "$work/flp/autoinst.flp" ::preseed.cfg | cmp -s - "$work/ubuntu/custom/preseed.cfg" ||
     { echo "FAIL: floppy for an Ubuntu answer directory"; fail=1; }
+
+  # Windows: the three answer files of a corpus image for a chosen edition,
+  # the XML checked by xmllint, winnt.sif by configparser; then the floppy
+  # with the upgrader and a storage driver from a tools image, checked by
+  # fsck.fat and mtools. Wrong edition, key or zone: one reason, exit 1.
+  xorriso -as mkisofs -quiet -R -J -o "$work/win10.iso" "$data/media/win-10-rs5" 2>/dev/null
+  "$cli" answer --json "$work/win10.iso" --full-name 'Ann Lee & Co' --password-file "$work/pw" \
+    --edition 'Windows 10 Pro N' --time-zone Asia/Tokyo --product-key aaaaa-bbbbb-ccccc-ddddd-eeeee \
+    --out "$work/win" | python3 -c '
+import json, sys
+j = json.loads(sys.stdin.read())
+assert j["osKey"] == "windows9-64" and j["edition"] == "Windows 10 Pro_N", j
+assert j["timeZone"] == "Tokyo Standard Time" and j["zoneIndex"] == 235, j
+' && xmllint --noout "$work/win/autoun~0.xml" &&
+    [ "$(xmllint --xpath "string(//*[local-name()='LocalAccount']/*[local-name()='Name'])" "$work/win/autoun~0.xml")" = 'Ann Lee & Co' ] &&
+    [ "$(xmllint --xpath "string(//*[local-name()='ProductKey']/*[local-name()='Key'])" "$work/win/autoun~0.xml")" = AAAAA-BBBBB-CCCCC-DDDDD-EEEEE ] &&
+    [ "$(python3 "$data/../scripts/ini_read.py" "$work/win/winnt.sif" GuiUnattended TimeZone)" = 235 ] &&
+    [ -f "$work/win/storePwd.ini" ] ||
+    { echo "FAIL: answer for a Windows image"; fail=1; }
+  win_refused() {  # description, then options; one reason, exit 1, nothing written
+    local what=$1
+    shift
+    "$cli" answer "$work/win10.iso" --full-name Ann --password-file "$work/pw" "$@" \
+      --out "$work/winbad" 2>"$work/err"
+    local got=$?
+    [ "$got" = 1 ] && [ "$(grep -c '' "$work/err")" = 1 ] && [ ! -e "$work/winbad/winnt.sif" ] ||
+      { echo "FAIL: answer for Windows, $what: exit $got"; cat "$work/err"; fail=1; }
+  }
+  win_refused "bad product key" --edition 'Windows 10 Pro' --product-key 12345
+  win_refused "unknown zone" --edition 'Windows 10 Pro' --time-zone Nowhere/City
+  win_refused "edition not on the image" --edition Windows-11-Ultra
+  win_refused "several editions, none chosen"
+  mkdir -p "$work/toolsiso/drivers" "$work/toolsiso/upgrader"
+  printf '[scsi]\nbrmscsi = "Brimle SCSI Controller"\n' >"$work/toolsiso/drivers/txtsetup.oem"
+  head -c 40000 /dev/urandom >"$work/toolsiso/drivers/brmscsi.sys"
+  head -c 70000 /dev/urandom >"$work/toolsiso/upgrader/BrimleToolsUpgrader.exe"
+  xorriso -as mkisofs -quiet -J -o "$work/tools.iso" "$work/toolsiso" 2>/dev/null
+  "$cli" floppy "$work/win10.iso" --answer-dir "$work/win" --tools-image "$work/tools.iso" \
+    --driver-dir /drivers --upgrader-dir /upgrader --out "$work/winflp" >/dev/null 2>&1 &&
+    fsck.fat -n "$work/winflp/autoinst.flp" >/dev/null &&
+    [ "$(mdir -b -i "$work/winflp/autoinst.flp" :: | tr '\n' ' ')" = '::/brmscsi.sys ::/txtsetup.oem ::/winnt.sif ::/autoun~0.xml ::/upgrader.exe ::/unattend.cmd ' ] &&
+    mtype -i "$work/winflp/autoinst.flp" ::upgrader.exe | cmp -s - "$work/toolsiso/upgrader/BrimleToolsUpgrader.exe" &&
+    mtype -i "$work/winflp/autoinst.flp" ::winnt.sif | grep -q '^"Brimle SCSI Controller"=OEM' &&
+    [ -f "$work/win/winnt.sif" ] ||
+    { echo "FAIL: floppy for a Windows answer directory"; fail=1; }
 
   # remaster: the CentOS example with a real isolinux tree becomes a
   # no-emulation El Torito image; an output path the shell would expand is
