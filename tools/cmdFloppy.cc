@@ -49,15 +49,30 @@ struct ScratchDir {
   }
 };
 
-// Blank 1.44 MB floppies as "suse.flp" and "mandriva.flp", for callers who
-// have no template floppies of their own.
-bool MakeBlankTemplates(const std::string &outDir, ScratchDir *scratch) {
-  std::string pattern = outDir + "/.floppy-templates-XXXXXX";
+// Creates the output directory and a scratch directory inside it (on the
+// same file system, so the floppy can be renamed into place).
+bool MakeScratch(const std::string &outDir, ScratchDir *scratch) {
+  std::error_code ec;
+  fs::create_directories(outDir, ec);
+  if (ec) {
+    cli::Fail("cannot create " + outDir + ": " + ec.message());
+    return false;
+  }
+  std::string pattern = outDir + "/.floppy-XXXXXX";
   if (mkdtemp(pattern.data()) == nullptr) {
     cli::Fail("cannot create a scratch directory in " + outDir + ": " + strerror(errno));
     return false;
   }
   scratch->path = pattern;
+  return true;
+}
+
+// Blank 1.44 MB floppies as "suse.flp" and "mandriva.flp", for callers who
+// have no template floppies of their own.
+bool MakeBlankTemplates(const std::string &outDir, ScratchDir *scratch) {
+  if (!MakeScratch(outDir, scratch)) {
+    return false;
+  }
   for (const char *name : {"suse.flp", "mandriva.flp"}) {
     std::string path = scratch->path + "/" + name;
     FATDevice *device = nullptr;
@@ -130,19 +145,10 @@ int RunWindows(const std::string &osKey) {
     cli::Fail("no unattend.cmd in " + hostFiles);
     return cli::kExitFailure;
   }
-  std::error_code ec;
-  fs::create_directories(gOpt.outDir, ec);
-  if (ec) {
-    cli::Fail("cannot create " + gOpt.outDir + ": " + ec.message());
-    return cli::kExitFailure;
-  }
   ScratchDir scratch;
-  std::string pattern = gOpt.outDir + "/.floppy-XXXXXX";
-  if (mkdtemp(pattern.data()) == nullptr) {
-    cli::Fail("cannot create a scratch directory in " + gOpt.outDir + ": " + strerror(errno));
+  if (!MakeScratch(gOpt.outDir, &scratch)) {
     return cli::kExitFailure;
   }
-  scratch.path = pattern;
   std::vector<std::string> staged = {"winnt.sif", "autoun~0.xml"};
   if (fs::is_regular_file(gOpt.answerDir + "/storePwd.ini")) {
     if (fs::is_regular_file(hostFiles + "/storePwd.exe")) {
@@ -169,6 +175,7 @@ int RunWindows(const std::string &osKey) {
     return cli::kExitFailure;
   }
   const std::string floppy = gOpt.outDir + "/autoinst.flp";
+  std::error_code ec;
   fs::rename(scratch.path + "/autoinst.flp", floppy, ec);
   if (ec) {
     cli::Fail("cannot move the floppy to " + floppy + ": " + ec.message());
@@ -221,15 +228,10 @@ int Run() {
     cli::Fail("no answer file " + answerFile + " (write it with guestprep answer first)");
     return cli::kExitFailure;
   }
-  std::error_code ec;
-  fs::create_directories(gOpt.outDir, ec);
-  if (ec) {
-    cli::Fail("cannot create " + gOpt.outDir + ": " + ec.message());
-    return cli::kExitFailure;
-  }
   ScratchDir scratch;
-  if (gOpt.templateDir.empty() && family != LINUX_FAMILY_UBUNTU &&
-      !MakeBlankTemplates(gOpt.outDir, &scratch)) {
+  if (gOpt.templateDir.empty() && family != LINUX_FAMILY_UBUNTU
+          ? !MakeBlankTemplates(gOpt.outDir, &scratch)
+          : !MakeScratch(gOpt.outDir, &scratch)) {
     return cli::kExitFailure;
   }
   if (!AutoInstall_MakeFloppyImg_Linux(gOpt.answerDir.c_str(), gOpt.outDir.c_str(),
