@@ -2,6 +2,8 @@
 
 #include <openssl/evp.h>
 
+#include <cstring>
+
 namespace {
 
 // Fetched once: an implicit fetch on every Init would look the method up
@@ -54,4 +56,103 @@ void CryptoHash_Release(CryptoHashContext *ctx) {
     EVP_MD_CTX_free(ctx->evp);
     ctx->evp = nullptr;
   }
+}
+
+struct CryptoHashImpl {
+  const char *name;     // the name callers use
+  const char *evpName;  // libcrypto's
+  size_t outputSize;
+};
+
+namespace {
+
+constexpr CryptoHashImpl kHashImpls[] = {
+    {"SHA-256", "SHA2-256", 32},
+    {"SHA-1", "SHA1", 20},
+    {"SHA-384", "SHA2-384", 48},
+    {"SHA-512", "SHA2-512", 64},
+};
+constexpr size_t kHashImplCount = sizeof kHashImpls / sizeof kHashImpls[0];
+
+// The methods, fetched together on first use and kept for the process.
+const EVP_MD *Method(const CryptoHashImpl *impl) {
+  struct Methods {
+    EVP_MD *md[kHashImplCount];
+    Methods() {
+      for (size_t i = 0; i < kHashImplCount; ++i) {
+        md[i] = EVP_MD_fetch(nullptr, kHashImpls[i].evpName, nullptr);
+      }
+    }
+  };
+  static const Methods methods;
+  for (size_t i = 0; i < kHashImplCount; ++i) {
+    if (impl == &kHashImpls[i]) {
+      return methods.md[i];
+    }
+  }
+  return nullptr;
+}
+
+// One context per thread for the one-shot calls: a new context per call
+// would cost an allocation per hashed block.
+struct ThreadContext {
+  EVP_MD_CTX *ctx = EVP_MD_CTX_new();
+  ~ThreadContext() { EVP_MD_CTX_free(ctx); }
+};
+
+}  // namespace
+
+CryptoError CryptoHash_FromString(const char *name, const CryptoHashImpl **impl) {
+  if (name == nullptr || impl == nullptr) {
+    return CRYPTO_ERROR_BAD_PARAMETER;
+  }
+  for (const CryptoHashImpl &candidate : kHashImpls) {
+    if (strcmp(candidate.name, name) == 0) {
+      if (Method(&candidate) == nullptr) {
+        return CRYPTO_ERROR_OPERATION_FAILED;
+      }
+      *impl = &candidate;
+      return CRYPTO_ERROR_SUCCESS;
+    }
+  }
+  return CRYPTO_ERROR_UNKNOWN_ALGORITHM;
+}
+
+size_t CryptoHash_GetOutputSize(const CryptoHashImpl *impl) {
+  return impl != nullptr ? impl->outputSize : 0;
+}
+
+CryptoError CryptoHash_Compute(const CryptoHashImpl *impl, const void *input, size_t inputSize,
+                               void *output, size_t outputSize) {
+  const EVP_MD *md = impl != nullptr ? Method(impl) : nullptr;
+  if (md == nullptr || output == nullptr || (input == nullptr && inputSize != 0)) {
+    return CRYPTO_ERROR_BAD_PARAMETER;
+  }
+  if (outputSize < impl->outputSize) {
+    return CRYPTO_ERROR_OUTPUT_TOO_SMALL;
+  }
+  thread_local ThreadContext local;
+  unsigned int size = 0;
+  return local.ctx != nullptr && EVP_DigestInit_ex2(local.ctx, md, nullptr) == 1 &&
+                 EVP_DigestUpdate(local.ctx, input, inputSize) == 1 &&
+                 EVP_DigestFinal_ex(local.ctx, static_cast<unsigned char *>(output), &size) == 1 &&
+                 size == impl->outputSize
+             ? CRYPTO_ERROR_SUCCESS
+             : CRYPTO_ERROR_OPERATION_FAILED;
+}
+
+const char *CryptoError_ToString(CryptoError error) {
+  switch (error) {
+    case CRYPTO_ERROR_SUCCESS:
+      return "success";
+    case CRYPTO_ERROR_OPERATION_FAILED:
+      return "operation failed";
+    case CRYPTO_ERROR_BAD_PARAMETER:
+      return "bad parameter";
+    case CRYPTO_ERROR_UNKNOWN_ALGORITHM:
+      return "unknown algorithm";
+    case CRYPTO_ERROR_OUTPUT_TOO_SMALL:
+      return "output buffer too small";
+  }
+  return "unknown error";
 }

@@ -28,8 +28,10 @@
 /* Outcome of a hashing call. New values are only ever appended. */
 enum CryptoError {
   CRYPTO_ERROR_SUCCESS = 0,
-  CRYPTO_ERROR_OPERATION_FAILED = 1, /* libcrypto refused the operation */
-  CRYPTO_ERROR_BAD_PARAMETER = 2,    /* a null pointer where data was needed */
+  CRYPTO_ERROR_OPERATION_FAILED = 1,  /* libcrypto refused the operation */
+  CRYPTO_ERROR_BAD_PARAMETER = 2,     /* a null pointer where data was needed */
+  CRYPTO_ERROR_UNKNOWN_ALGORITHM = 3, /* no implementation by that name */
+  CRYPTO_ERROR_OUTPUT_TOO_SMALL = 4,  /* the output cannot hold the digest */
 };
 
 struct evp_md_ctx_st;
@@ -61,5 +63,30 @@ CryptoError CryptoHash_FinalSHA256(CryptoHashContext *ctx, uint8_t digest[kCrypt
 /* Wipes and frees the context's state; it needs a new Init before further
  * use. Safe on null. */
 void CryptoHash_Release(CryptoHashContext *ctx);
+
+/*
+ * One-shot hashing by algorithm name, for callers that learn the algorithm
+ * from data (a file header names it). A CryptoHashImpl is a process-wide
+ * constant: look it up once, use it from any thread, never free it. Each
+ * thread keeps one digest context for the one-shot calls, so hashing many
+ * small blocks allocates nothing per call.
+ */
+struct CryptoHashImpl;
+
+/* The implementation of the named algorithm into *impl: "SHA-256" (also
+ * "SHA-1", "SHA-384", "SHA-512"). CRYPTO_ERROR_UNKNOWN_ALGORITHM for any
+ * other name. */
+CryptoError CryptoHash_FromString(const char *name, const CryptoHashImpl **impl);
+
+/* Size in bytes of the algorithm's digest; 0 for null. */
+size_t CryptoHash_GetOutputSize(const CryptoHashImpl *impl);
+
+/* Hashes inputSize bytes of input into output, which holds outputSize
+ * bytes (at least the digest size; only the digest is written). */
+CryptoError CryptoHash_Compute(const CryptoHashImpl *impl, const void *input, size_t inputSize,
+                               void *output, size_t outputSize);
+
+/* Short English text of an error ("unknown algorithm"...). Constant. */
+const char *CryptoError_ToString(CryptoError error);
 
 #endif
