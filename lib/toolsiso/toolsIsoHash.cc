@@ -6,6 +6,7 @@
 // checks run in a fixed order and the first that fails names the field in
 // its log line. Arithmetic on the fields is arranged so that no value can
 // wrap: each check that subtracts or multiplies first makes sure it may.
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -22,8 +23,8 @@
 
 struct ToolsIsoLocalFile {
   FileIODescriptor file;
-  uint64_t size;               // of the image, taken when it was opened
-  ToolsIsoHashInfo *hashInfo;  // null: hash data optional and absent
+  uint64_t size = 0;                     // of the image, taken when it was opened
+  ToolsIsoHashInfo *hashInfo = nullptr;  // null: hash data optional and absent
 };
 
 namespace gp {
@@ -530,7 +531,7 @@ uint32_t ToolsISO_LocalFileOpen(const char *imagePath, bool required, ToolsIsoLo
   if (!ToolsISO_GetLocalFileHashInfo(realPath.get(), size, required, &hashInfo)) {
     return TOOLSISO_OPEN_BAD_HASHES;
   }
-  auto *local = static_cast<ToolsIsoLocalFile *>(UtilSafeCalloc0(1, sizeof(ToolsIsoLocalFile)));
+  auto *local = new ToolsIsoLocalFile;
   local->file = file.fd;
   FileIO_Invalidate(&file.fd);  // the handle owns the descriptor now
   local->size = size;
@@ -538,6 +539,57 @@ uint32_t ToolsISO_LocalFileOpen(const char *imagePath, bool required, ToolsIsoLo
   *handle = local;
   return TOOLSISO_OPEN_OK;
 }
+
+namespace {
+
+enum class ReadOutcome { kOk, kIoError, kMismatch };
+
+// Reads count bytes at offset into buffer, checked. Whole blocks are read
+// into buffer and checked there; a block the read starts or ends inside
+// (the ISO reader reads records and file tails at any offset) is read
+// whole into a block of scratch, checked, and its part copied out, so every
+// byte handed out was hashed with the rest of its block.
+ReadOutcome ReadChecked(ToolsIsoLocalFile *local, uint8_t *buffer, size_t count, uint64_t offset) {
+  const ToolsIsoHashInfo *hashInfo = local->hashInfo;
+  if (hashInfo == nullptr) {
+    return FileIO_Pread(&local->file, buffer, count, offset) == FILEIO_SUCCESS
+               ? ReadOutcome::kOk
+               : ReadOutcome::kIoError;
+  }
+  const uint32_t blockSize = hashInfo->header.blockSize;  // 512 to 4096: checked on load
+  uint8_t scratch[gp::kToolsIsoMaxBlockSize];
+  for (uint64_t pos = offset; count > 0;) {
+    const size_t in = static_cast<size_t>(pos % blockSize);
+    const bool toEnd = local->size - pos == count;
+    size_t n;
+    if (in != 0 || (count < blockSize && !toEnd)) {
+      const uint64_t from = pos - in;
+      const size_t whole = static_cast<size_t>(std::min<uint64_t>(blockSize, local->size - from));
+      if (FileIO_Pread(&local->file, scratch, whole, from) != FILEIO_SUCCESS) {
+        return ReadOutcome::kIoError;
+      }
+      if (!ToolsISO_VerifyHashes(hashInfo, from, scratch, whole, false)) {
+        return ReadOutcome::kMismatch;
+      }
+      n = std::min(count, whole - in);
+      memcpy(buffer, scratch + in, n);
+    } else {
+      n = toEnd ? count : count - count % blockSize;
+      if (FileIO_Pread(&local->file, buffer, n, pos) != FILEIO_SUCCESS) {
+        return ReadOutcome::kIoError;
+      }
+      if (!ToolsISO_VerifyHashes(hashInfo, pos, buffer, n, false)) {
+        return ReadOutcome::kMismatch;
+      }
+    }
+    buffer += n;
+    pos += n;
+    count -= n;
+  }
+  return ReadOutcome::kOk;
+}
+
+}  // namespace
 
 bool ToolsISO_LocalFileReadCB(void *handle, void *buffer, size_t length, uint64_t offset,
                               size_t *bytesRead) {
@@ -548,24 +600,27 @@ bool ToolsISO_LocalFileReadCB(void *handle, void *buffer, size_t length, uint64_
   size_t count = 0;
   if (offset < local->size) {
     count = local->size - offset < length ? static_cast<size_t>(local->size - offset) : length;
-    if (count != 0 && FileIO_Pread(&local->file, buffer, count, offset) != FILEIO_SUCCESS) {
-      return false;
+  }
+  if (bytesRead == nullptr && count != length) {
+    return false;  // a short read is a failure: nothing is read
+  }
+  if (bytesRead != nullptr) {
+    *bytesRead = 0;
+  }
+  if (count == 0) {
+    return true;
+  }
+  const ReadOutcome outcome = ReadChecked(local, static_cast<uint8_t *>(buffer), count, offset);
+  if (outcome != ReadOutcome::kOk) {
+    if (outcome == ReadOutcome::kMismatch) {
+      Log("ToolsISO: Invalid data at offset %lx (bytes %zu)\n", offset, count);
     }
+    // What failed its hashes does not stay where a careless caller would use it.
+    memset(buffer, 0, count);
+    return false;
   }
   if (bytesRead != nullptr) {
     *bytesRead = count;
-  } else if (count != length) {
-    return false;
-  }
-  if (count != 0 && local->hashInfo != nullptr &&
-      !ToolsISO_VerifyHashes(local->hashInfo, offset, buffer, count, false)) {
-    Log("ToolsISO: Invalid data at offset %lx (bytes %zu)\n", offset, count);
-    // What failed its hashes does not stay where a careless caller would use it.
-    memset(buffer, 0, count);
-    if (bytesRead != nullptr) {
-      *bytesRead = 0;
-    }
-    return false;
   }
   return true;
 }
@@ -581,6 +636,6 @@ bool ToolsISO_LocalFileCloseCB(void *handle) {
   }
   bool closed = FileIO_Close(&local->file) == FILEIO_SUCCESS;
   ToolsISO_FreeHashInfo(local->hashInfo);
-  free(local);
+  delete local;
   return closed;
 }
