@@ -27,6 +27,7 @@ extern const Command kDetectCommand;
 extern const Command kAnswerCommand;
 extern const Command kFloppyCommand;
 extern const Command kRemasterCommand;
+extern const Command kToolsCommand;
 
 // Text for a terminal or a line-oriented reader: a backslash becomes "\\",
 // a line feed, tab or carriage return "\n", "\t", "\r", each byte of any other

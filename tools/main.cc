@@ -23,6 +23,7 @@ const cli::Command kCommands[] = {
     cli::kAnswerCommand,
     cli::kFloppyCommand,
     cli::kRemasterCommand,
+    cli::kToolsCommand,
 };
 
 // Without --log the library's lines are dropped: each command says what went
