@@ -181,14 +181,14 @@ bool CertDirUsable() {
   return dir != "/usr/share/certs";
 }
 
-CertDirLease::CertDirLease(const std::string &spec) {
+CertDirLease::CertDirLease(const std::string &contents) {
   if (!CertDirUsable()) {
     throw std::logic_error("the library reads the system's certificate directory");
   }
   const fs::path dir = TavSignCertDir();
   fs::create_directories(dir);
   lockFd_ = LockFile(dir.string() + ".lock");
-  Refill(spec);
+  Refill(contents);
 }
 
 CertDirLease::~CertDirLease() {
@@ -199,13 +199,13 @@ CertDirLease::~CertDirLease() {
   close(lockFd_);
 }
 
-void CertDirLease::Refill(const std::string &spec) {
+void CertDirLease::Refill(const std::string &contents) {
   const fs::path dir = TavSignCertDir();
   for (const auto &entry : fs::directory_iterator(dir)) {
     fs::remove_all(entry.path());
   }
   std::vector<std::string> items;
-  for (const std::string &item : Split(spec == "-" ? "" : spec, ",")) {
+  for (const std::string &item : Split(contents == "-" ? "" : contents, ",")) {
     if (item == "std") {
       items.insert(items.end(), {"brimle.cert<maker-root.pem", "brmpartner.cert<partner-root.pem"});
     } else {

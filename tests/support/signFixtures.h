@@ -37,17 +37,17 @@ bool CertDirUsable();
 
 class CertDirLease {
  public:
-  // Locks the directory, empties it and fills it after spec: comma-separated
+  // Locks the directory, empties it and fills it as contents says: comma-separated
   // "NAME<PKIFILE" (a copy of a hierarchy file) or "NAME=TEXT" (TEXT
   // unescaped, possibly empty); "std" stands for the maker and partner
   // roots as "brimle.cert" and "brmpartner.cert"; "-" for nothing.
-  explicit CertDirLease(const std::string &spec);
+  explicit CertDirLease(const std::string &contents);
   ~CertDirLease();
   CertDirLease(const CertDirLease &) = delete;
   CertDirLease &operator=(const CertDirLease &) = delete;
 
-  // Empties the directory and fills it after another spec, keeping the lock.
-  void Refill(const std::string &spec);
+  // Empties the directory and fills it as other contents say, keeping the lock.
+  void Refill(const std::string &contents);
 
  private:
   int lockFd_ = -1;
