@@ -531,13 +531,18 @@ uint32_t ToolsISO_LocalFileOpen(const char *imagePath, bool required, ToolsIsoLo
   if (!ToolsISO_GetLocalFileHashInfo(realPath.get(), size, required, &hashInfo)) {
     return TOOLSISO_OPEN_BAD_HASHES;
   }
+  *handle = gp::AdoptToolsIsoLocalFile(&file.fd, size, hashInfo);
+  return TOOLSISO_OPEN_OK;
+}
+
+ToolsIsoLocalFile *gp::AdoptToolsIsoLocalFile(FileIODescriptor *file, uint64_t size,
+                                              ToolsIsoHashInfo *hashInfo) {
   auto *local = new ToolsIsoLocalFile;
-  local->file = file.fd;
-  FileIO_Invalidate(&file.fd);  // the handle owns the descriptor now
+  local->file = *file;
+  FileIO_Invalidate(file);  // the handle owns the descriptor now
   local->size = size;
   local->hashInfo = hashInfo;
-  *handle = local;
-  return TOOLSISO_OPEN_OK;
+  return local;
 }
 
 namespace {

@@ -11,6 +11,7 @@
 
 #include "guestprep/toolsiso.h"
 #include "platform/crypto/cryptoHash.h"
+#include "platform/file/fileIO.h"
 
 namespace gp {
 
@@ -29,6 +30,13 @@ ToolsIsoHashHeader DecodeToolsIsoHashHeader(const uint8_t *data);
 /* The header as it is stored, into kToolsIsoHashHeaderSize bytes at out
  * (the unexamined reserved bytes as the record holds them). */
 void EncodeToolsIsoHashHeader(const ToolsIsoHashHeader &header, uint8_t *out);
+
+/* A verified-read handle over an open image whose hash data the caller
+ * has already trusted (a benchmark without the maker's certificates).
+ * Takes the descriptor (invalidated here) and hashInfo (may be null:
+ * reads unchecked). */
+ToolsIsoLocalFile *AdoptToolsIsoLocalFile(FileIODescriptor *file, uint64_t size,
+                                          ToolsIsoHashInfo *hashInfo);
 
 }  // namespace gp
 

@@ -142,11 +142,10 @@ struct ToolsIsoHttpReader {
   }
 };
 
-uint32_t ToolsISO_HttpReaderOpen(const char *imageUrl, bool required, ToolsIsoHttpReader **reader) {
-  if (imageUrl == nullptr || reader == nullptr) {
-    return TOOLSISO_OPEN_FAILED;
-  }
-  *reader = nullptr;
+namespace {
+
+// Connects and sizes the image; hash data is the caller's next step.
+uint32_t Connect(const char *imageUrl, std::unique_ptr<ToolsIsoHttpReader> *out) {
   auto r = std::make_unique<ToolsIsoHttpReader>();
   r->url = UtilSafeStrdup0(imageUrl);
   HttpResult result = Http_Connect(imageUrl, 4, 15000, &r->conn);
@@ -160,14 +159,51 @@ uint32_t ToolsISO_HttpReaderOpen(const char *imageUrl, bool required, ToolsIsoHt
   if (result != HTTP_OK) {
     Log("ToolsISO: Unable to get the size of Tools ISO '%s' (error=%d).\n", imageUrl, result);
     Http_Close(r->conn);
+    r->conn = nullptr;
     return TOOLSISO_OPEN_FAILED;
+  }
+  *out = std::move(r);
+  return TOOLSISO_OPEN_OK;
+}
+
+}  // namespace
+
+uint32_t ToolsISO_HttpReaderOpen(const char *imageUrl, bool required, ToolsIsoHttpReader **reader) {
+  if (imageUrl == nullptr || reader == nullptr) {
+    return TOOLSISO_OPEN_FAILED;
+  }
+  *reader = nullptr;
+  std::unique_ptr<ToolsIsoHttpReader> r;
+  if (uint32_t code = Connect(imageUrl, &r); code != TOOLSISO_OPEN_OK) {
+    return code;
   }
   if (!ToolsISO_GetHttpHashInfo(r->conn, imageUrl, r->size, required, &r->hashInfo)) {
     Http_Close(r->conn);
+    r->conn = nullptr;
     return TOOLSISO_OPEN_BAD_HASHES;
   }
   if (r->hashInfo != nullptr) {
     r->blockSize = r->hashInfo->header.blockSize;
+  }
+  *reader = r.release();
+  return TOOLSISO_OPEN_OK;
+}
+
+uint32_t ToolsISO_HttpReaderOpenTrusted(const char *imageUrl, ToolsIsoHashInfo *hashInfo,
+                                        ToolsIsoHttpReader **reader) {
+  if (imageUrl == nullptr || reader == nullptr) {
+    ToolsISO_FreeHashInfo(hashInfo);
+    return TOOLSISO_OPEN_FAILED;
+  }
+  *reader = nullptr;
+  std::unique_ptr<ToolsIsoHttpReader> r;
+  if (uint32_t code = Connect(imageUrl, &r); code != TOOLSISO_OPEN_OK) {
+    ToolsISO_FreeHashInfo(hashInfo);
+    return code;
+  }
+  r->hashInfo = hashInfo;
+  if (hashInfo != nullptr) {
+    r->blockSize = hashInfo->header.blockSize;
   }
   *reader = r.release();
   return TOOLSISO_OPEN_OK;

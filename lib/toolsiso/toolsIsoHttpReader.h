@@ -28,6 +28,11 @@ struct ToolsIsoHttpReader;
  * when the server cannot be reached); *reader is set on success. */
 uint32_t ToolsISO_HttpReaderOpen(const char *imageUrl, bool required, ToolsIsoHttpReader **reader);
 
+/* The same with hash data the caller already trusts (a benchmark without
+ * the maker's certificates); takes hashInfo, also on failure. */
+uint32_t ToolsISO_HttpReaderOpenTrusted(const char *imageUrl, ToolsIsoHashInfo *hashInfo,
+                                        ToolsIsoHttpReader **reader);
+
 /* The image's size in bytes. */
 uint64_t ToolsISO_HttpReaderSize(const ToolsIsoHttpReader *reader);
 
