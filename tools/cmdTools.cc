@@ -1,6 +1,8 @@
 // guestprep tools: the publisher's and the checker's side of guest tools
 // images. Each subcommand of the group is one Command in kToolsSubcommands.
 //
+// tools image: where the tools image for a guest is.
+// tools verify IMAGE: every block of an image against its signed hashes.
 // tools hashdata IMAGE: the image's hash-data file (a header, one SHA-256
 // hash per block, a detached PEM PKCS#7 signature embedded at its end or
 // in a file of its own), exactly as the library's loader reads it.
@@ -9,6 +11,7 @@
 #include <openssl/pkcs7.h>
 #include <openssl/x509.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -18,8 +21,10 @@
 #include "cli.h"
 #include "guestprep/toolsiso.h"
 #include "lib/toolsiso/toolsIsoHash.h"
+#include "lib/toolsiso/toolsIsoHttpReader.h"
 #include "platform/crypto/cryptoHash.h"
 #include "platform/file/fileIO.h"
+#include "platform/util/str.h"
 
 namespace {
 
@@ -349,18 +354,255 @@ CLI::App *AddHashData(CLI::App &tools) {
 
 const cli::Command kHashDataCommand{AddHashData, RunHashData};
 
+// ---- tools image ----
+
+struct ImageOptions {
+  std::string guestOS;
+  std::string libDir;
+  std::string hint;
+  bool signatureRequired = false;
+  bool json = false;
+} gImage;
+
+int RunImage() {
+  char *path = nullptr;
+  char *baseName = nullptr;
+  uint32_t kind = 0;
+  bool found = ToolsISO_GetImagePath(gImage.libDir.c_str(), gImage.guestOS.c_str(),
+                                     gImage.hint.empty() ? nullptr : gImage.hint.c_str(),
+                                     gImage.signatureRequired, &path, &baseName, &kind);
+  gp::UniqueText ownedPath(path), ownedBase(baseName);
+  if (!found) {
+    cli::Fail(cli::FailedStep("no tools image for " + gImage.guestOS));
+    return cli::kExitFailure;
+  }
+  nlohmann::ordered_json j;
+  j["guestOS"] = gImage.guestOS;
+  j["image"] = path;
+  j["baseName"] = baseName != nullptr ? baseName : "";
+  j["kind"] = kind;
+  j["present"] = FileIO_GetSizeByPath(path) != UINT64_MAX;
+  cli::PrintRecord(j, gImage.json);
+  return cli::kExitOk;
+}
+
+CLI::App *AddImage(CLI::App &tools) {
+  CLI::App *cmd = tools.add_subcommand(
+      "image",
+      "Name and locate the tools image for a guest: DIR/isoimages/NAME, from the signed image "
+      "map \"isoimages_manifest.txt\" there, else the built-in table. Prints the path, the base "
+      "name, the kind (2 Windows, 4 other) and whether the image is present. Exit 0 when an "
+      "image serves the guest, 1 when none does.");
+  cmd->add_option("--guest-os", gImage.guestOS, "Guest OS key, such as windows9-64")
+      ->required()
+      ->type_name("KEY");
+  cmd->add_option("--libdir", gImage.libDir, "The host's library directory")
+      ->required()
+      ->type_name("DIR");
+  cmd->add_option("--hint", gImage.hint, "Image name the virtual machine asks for")
+      ->type_name("NAME");
+  cmd->add_flag("--signature-required", gImage.signatureRequired,
+                "Refuse an image map without its signature");
+  cmd->add_flag("--json", gImage.json, "One JSON object instead of text");
+  return cmd;
+}
+
+const cli::Command kImageCommand{AddImage, RunImage};
+
+// ---- tools verify ----
+
+struct VerifyOptions {
+  std::string image;
+  bool optional = false;
+  bool json = false;
+} gVerify;
+
+// Verified reads of one image, local or on a web server.
+class VerifiedImage {
+ public:
+  virtual ~VerifiedImage() = default;
+  virtual uint64_t Size() const = 0;
+  virtual const ToolsIsoHashInfo *Hashes() const = 0;
+  // True when length bytes at offset were read and match their hashes.
+  virtual bool Read(uint64_t offset, uint8_t *buffer, size_t length) = 0;
+};
+
+class LocalImage : public VerifiedImage {
+ public:
+  ~LocalImage() override {
+    ToolsISO_FreeHashInfo(hashes_);
+    if (FileIO_IsValid(&fd_)) {
+      FileIO_Close(&fd_);
+    }
+  }
+  bool Open(const std::string &path, bool required) {
+    FileIO_Invalidate(&fd_);
+    FileIOResult r = FileIO_Open(&fd_, path.c_str(), FILEIO_OPEN_ACCESS_READ, FILEIO_OPEN);
+    if (r != FILEIO_SUCCESS) {
+      cli::Fail("cannot open " + path + ": " + FileIO_ErrorEnglish(r));
+      return false;
+    }
+    size_ = FileIO_GetSize(&fd_);
+    if (size_ == UINT64_MAX ||
+        !ToolsISO_GetLocalFileHashInfo(path.c_str(), size_, required, &hashes_)) {
+      cli::Fail(cli::FailedStep(path + ": the hash data or its signature was refused"));
+      return false;
+    }
+    return true;
+  }
+  uint64_t Size() const override { return size_; }
+  const ToolsIsoHashInfo *Hashes() const override { return hashes_; }
+  bool Read(uint64_t offset, uint8_t *buffer, size_t length) override {
+    return FileIO_Pread(&fd_, buffer, length, offset) == FILEIO_SUCCESS &&
+           (hashes_ == nullptr || ToolsISO_VerifyHashes(hashes_, offset, buffer, length, false));
+  }
+
+ private:
+  FileIODescriptor fd_;
+  uint64_t size_ = 0;
+  ToolsIsoHashInfo *hashes_ = nullptr;
+};
+
+class HttpImage : public VerifiedImage {
+ public:
+  ~HttpImage() override { ToolsISO_HttpReaderCloseCB(reader_); }
+  bool Open(const std::string &url, bool required) {
+    uint32_t r = ToolsISO_HttpReaderOpen(url.c_str(), required, &reader_);
+    if (r != TOOLSISO_OPEN_OK) {
+      reader_ = nullptr;
+      cli::Fail(cli::FailedStep(url + (r == TOOLSISO_OPEN_BAD_HASHES
+                                           ? ": the hash data or its signature was refused"
+                                           : ": cannot be fetched")));
+      return false;
+    }
+    return true;
+  }
+  uint64_t Size() const override { return ToolsISO_HttpReaderSize(reader_); }
+  const ToolsIsoHashInfo *Hashes() const override { return ToolsISO_HttpReaderHashInfo(reader_); }
+  bool Read(uint64_t offset, uint8_t *buffer, size_t length) override {
+    return ToolsISO_HttpReaderReadCB(reader_, buffer, length, offset, nullptr);
+  }
+  ToolsIsoHttpReaderStats Stats() const {
+    ToolsIsoHttpReaderStats stats = {};
+    ToolsISO_HttpReaderGetStats(reader_, &stats);
+    return stats;
+  }
+
+ private:
+  ToolsIsoHttpReader *reader_ = nullptr;
+};
+
+// Reads the whole image in large pieces; a piece that fails is read again
+// block by block to name the first bad block.
+int RunVerify() {
+  const bool remote =
+      gVerify.image.rfind("http://", 0) == 0 || gVerify.image.rfind("https://", 0) == 0;
+  std::unique_ptr<VerifiedImage> image;
+  if (remote) {
+    auto http = std::make_unique<HttpImage>();
+    if (!http->Open(gVerify.image, !gVerify.optional)) {
+      return cli::kExitFailure;
+    }
+    image = std::move(http);
+  } else {
+    auto local = std::make_unique<LocalImage>();
+    if (!local->Open(gVerify.image, !gVerify.optional)) {
+      return cli::kExitFailure;
+    }
+    image = std::move(local);
+  }
+  nlohmann::ordered_json j;
+  j["image"] = gVerify.image;
+  j["size"] = image->Size();
+  const ToolsIsoHashInfo *hashes = image->Hashes();
+  if (hashes == nullptr) {
+    j["verified"] = false;
+    j["reason"] = "no hash data (optional)";
+    cli::PrintRecord(j, gVerify.json);
+    return cli::kExitOk;
+  }
+  const uint64_t blockSize = hashes->header.blockSize;
+  j["blockSize"] = blockSize;
+  j["blocks"] = hashes->header.hashCount;
+
+  // An image cut short or grown is named as such before any block is read:
+  // its last block would only show up as a mismatch.
+  std::string problem;
+  const uint64_t blocks = (image->Size() + blockSize - 1) / blockSize;
+  if (blocks != hashes->header.hashCount) {
+    problem = "the image has " + std::to_string(blocks) + " blocks, its hash data " +
+              std::to_string(hashes->header.hashCount);
+  }
+  const size_t piece =
+      static_cast<size_t>(blockSize * std::max<uint64_t>(1, (1 << 20) / blockSize));
+  std::vector<uint8_t> buffer(piece);
+  cli::Progress("verifying " + gVerify.image);
+  for (uint64_t offset = 0; offset < image->Size() && problem.empty(); offset += piece) {
+    size_t length = static_cast<size_t>(std::min<uint64_t>(piece, image->Size() - offset));
+    if (image->Read(offset, buffer.data(), length)) {
+      continue;
+    }
+    for (uint64_t block = offset; block < offset + length; block += blockSize) {
+      size_t n = static_cast<size_t>(std::min<uint64_t>(blockSize, image->Size() - block));
+      if (!image->Read(block, buffer.data(), n)) {
+        j["firstBadBlock"] = block / blockSize;
+        j["firstBadOffset"] = block;
+        problem = "block " + std::to_string(block / blockSize) + " (offset " +
+                  std::to_string(block) + ") does not match its signed hash";
+        break;
+      }
+    }
+    if (problem.empty()) {
+      problem = "the image could not be read at offset " + std::to_string(offset);
+    }
+  }
+  j["verified"] = problem.empty();
+  if (remote) {
+    ToolsIsoHttpReaderStats stats = static_cast<HttpImage &>(*image).Stats();
+    j["bytesFetchedPerVerifiedByte"] =
+        stats.bytesVerified == 0 ? 0.0
+                                 : static_cast<double>(stats.bytesFetched) / stats.bytesVerified;
+  }
+  if (!problem.empty()) {
+    j["problem"] = problem;
+  }
+  cli::PrintRecord(j, gVerify.json);
+  return problem.empty() ? cli::kExitOk : cli::kExitFailure;
+}
+
+CLI::App *AddVerify(CLI::App &tools) {
+  CLI::App *cmd = tools.add_subcommand(
+      "verify",
+      "Check a tools image (a path, or an http:// or https:// URL) against its signed hash "
+      "data: the signature of IMAGE.sha (embedded, or IMAGE.sig) against the maker's "
+      "certificates, then every block of the image against its hash. Prints the first bad "
+      "block if any. Exit 0 when every byte verifies, 1 when the signature, a block or the "
+      "image's length does not.");
+  cmd->add_option("IMAGE", gVerify.image, "The tools image, a path or a URL")->required();
+  cmd->add_flag("--optional", gVerify.optional,
+                "An image without hash data passes unchecked (the signature, when present, "
+                "must still verify)");
+  cmd->add_flag("--json", gVerify.json, "One JSON object instead of text");
+  return cmd;
+}
+
+const cli::Command kVerifyCommand{AddVerify, RunVerify};
+
 // ---- the group ----
 
 // Subcommands of "tools", in the order --help lists them; each add
 // registers on the group's app.
 const cli::Command kToolsSubcommands[] = {
     kHashDataCommand,
+    kImageCommand,
+    kVerifyCommand,
 };
 
 std::vector<std::pair<CLI::App *, int (*)()>> gToolsParsed;
 
 CLI::App *Add(CLI::App &app) {
-  CLI::App *tools = app.add_subcommand("tools", "Guest tools images: hash data and checks.");
+  CLI::App *tools = app.add_subcommand(
+      "tools", "Guest tools images: where a guest's image is, its signed hash data and checks.");
   tools->require_subcommand(1);
   for (const cli::Command &command : kToolsSubcommands) {
     gToolsParsed.emplace_back(command.add(*tools), command.run);

@@ -217,6 +217,10 @@ bool ToolsISO_HttpReaderHasHashes(const ToolsIsoHttpReader *reader) {
   return reader != nullptr && reader->hashInfo != nullptr;
 }
 
+const ToolsIsoHashInfo *ToolsISO_HttpReaderHashInfo(const ToolsIsoHttpReader *reader) {
+  return reader != nullptr ? reader->hashInfo : nullptr;
+}
+
 bool ToolsISO_HttpReaderReadCB(void *handle, void *buffer, size_t length, uint64_t offset,
                                size_t *bytesRead) {
   auto *reader = static_cast<ToolsIsoHttpReader *>(handle);

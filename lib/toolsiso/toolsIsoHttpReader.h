@@ -39,6 +39,9 @@ uint64_t ToolsISO_HttpReaderSize(const ToolsIsoHttpReader *reader);
 /* Whether reads are checked (false: hash data was optional and absent). */
 bool ToolsISO_HttpReaderHasHashes(const ToolsIsoHttpReader *reader);
 
+/* The signed hash data reads are checked against, or null. */
+const ToolsIsoHashInfo *ToolsISO_HttpReaderHashInfo(const ToolsIsoHttpReader *reader);
+
 /* Reads as ToolsISO_LocalFileReadCB does: length bytes at offset, fewer at
  * the end when bytesRead is given (else a short read fails); any offset and
  * length. False, logged, when a touched block fails its hashes or the fetch
