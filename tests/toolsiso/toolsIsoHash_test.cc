@@ -178,11 +178,11 @@ TEST(HashInfo, FreeAcceptsNull) {
 class VerifyHashes : public ::testing::TestWithParam<TsvRow> {};
 
 // "mismatch@OFF/LEN" as the line the library writes for it.
-std::string MismatchLine(const std::string &spec, const std::string &original,
+std::string MismatchLine(const std::string &mismatch, const std::string &original,
                          const std::string &checked, uint32_t blockSize) {
-  const size_t slash = spec.find('/');
-  const uint64_t at = Number(spec.substr(9, slash - 9));
-  const size_t len = static_cast<size_t>(Number(spec.substr(slash + 1)));
+  const size_t slash = mismatch.find('/');
+  const uint64_t at = Number(mismatch.substr(9, slash - 9));
+  const size_t len = static_cast<size_t>(Number(mismatch.substr(slash + 1)));
   char offset[32];
   snprintf(offset, sizeof offset, "0x%llx", static_cast<unsigned long long>(at));
   return std::string("ToolsISO: Error hash mismatch at offset ") + offset + ", expected hash [" +
