@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -25,6 +26,54 @@ namespace hash_fixtures {
 namespace fs = std::filesystem;
 using testing_support::CommandResult;
 using testing_support::RunCommand;
+
+#define SKIP_WITHOUT_CERT_DIR()                                                        \
+  if (!testing_support::CertDirUsable()) {                                             \
+    GTEST_SKIP() << "the library reads the system's certificate directory; configure " \
+                    "GUESTPREP_CERT_DIR to a scratch directory to run this";           \
+  }
+
+// The captured log lines without their line feeds.
+inline std::vector<std::string> LogLines(const testing_support::LogCapture &log) {
+  std::vector<std::string> out;
+  for (std::string line : log.lines()) {
+    if (!line.empty() && line.back() == '\n') {
+      line.pop_back();
+    }
+    out.push_back(line);
+  }
+  return out;
+}
+
+// The same as one text, " | " between them.
+inline std::string LogText(const testing_support::LogCapture &log) {
+  std::string out;
+  for (const std::string &line : LogLines(log)) {
+    out += (out.empty() ? "" : " | ") + line;
+  }
+  return out;
+}
+
+// Every line of expected (" | "-separated, placeholder replaced by value)
+// is one of the log's lines.
+inline void ExpectLines(const std::string &expected, const testing_support::LogCapture &log,
+                        const std::string &placeholder = "", const std::string &value = "") {
+  const std::vector<std::string> got = LogLines(log);
+  for (std::string want : testing_support::Split(expected, " | ")) {
+    if (!placeholder.empty()) {
+      want = testing_support::Replace(want, placeholder, value);
+    }
+    EXPECT_NE(got.end(), std::find(got.begin(), got.end(), want))
+        << "no line \"" << want << "\" in: " << LogText(log);
+  }
+}
+
+inline void FlipByte(const fs::path &path, size_t offset) {
+  std::string bytes = testing_support::ReadFile(path);
+  ASSERT_LT(offset, bytes.size());
+  bytes[offset] ^= 0x5a;
+  testing_support::WriteFile(path, bytes);
+}
 
 inline std::string Sha256(const std::string &bytes) {
   unsigned char digest[EVP_MAX_MD_SIZE];
@@ -147,6 +196,16 @@ inline CommandResult RunHashDataCli(const std::vector<std::string> &args) {
   std::vector<std::string> argv = {GUESTPREP_CLI, "tools", "hashdata"};
   argv.insert(argv.end(), args.begin(), args.end());
   return RunCommand(argv, 300);
+}
+
+// "guestprep tools hashdata" over image, signed by signer.
+inline void Publish(const fs::path &image, const Signer &signer,
+                    std::vector<std::string> extra = {}) {
+  std::vector<std::string> args = {image.string(), "--key", signer.key.string(), "--cert",
+                                   signer.cert.string()};
+  args.insert(args.end(), extra.begin(), extra.end());
+  CommandResult r = RunHashDataCli(args);
+  ASSERT_EQ(0, r.exitCode) << r.output;
 }
 
 inline CommandResult RunHashDataScript(const std::vector<std::string> &args) {

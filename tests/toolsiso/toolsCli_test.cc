@@ -33,17 +33,12 @@ nlohmann::json Record(const testing_support::CommandResult &r) {
 class ToolsVerifyCli : public ::testing::TestWithParam<TsvRow> {};
 
 TEST_P(ToolsVerifyCli, ExitAndRecord) {
-  if (!testing_support::CertDirUsable()) {
-    GTEST_SKIP() << "the library reads the system certificate directory";
-  }
+  SKIP_WITHOUT_CERT_DIR();
   const auto &c = GetParam().cells;
   TempDir dir;
   const fs::path image = dir / "linux.iso";
   WriteFile(image, testing_support::Pattern(300000, 7));
-  hash_fixtures::Signer signer = hash_fixtures::MakerSigner(dir.path());
-  auto made = hash_fixtures::RunHashDataCli(
-      {image.string(), "--key", signer.key.string(), "--cert", signer.cert.string(), "--embed"});
-  ASSERT_EQ(made.exitCode, 0) << made.output;
+  hash_fixtures::Publish(image, hash_fixtures::MakerSigner(dir.path()), {"--embed"});
 
   std::string bytes = ReadFile(image);
   const std::string change = c[2];

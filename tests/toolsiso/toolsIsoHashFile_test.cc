@@ -36,68 +36,27 @@ using testing_support::LogCapture;
 using testing_support::Pattern;
 using testing_support::ReadFile;
 using testing_support::ReadTsv;
-using testing_support::Replace;
-using testing_support::Split;
 using testing_support::TempDir;
 using testing_support::TsvRow;
 using testing_support::TsvRowNamer;
 using testing_support::WriteFile;
 
-#define SKIP_WITHOUT_CERT_DIR()                                                        \
-  if (!CertDirUsable()) {                                                              \
-    GTEST_SKIP() << "the library reads the system's certificate directory; configure " \
-                    "GUESTPREP_CERT_DIR to a scratch directory to run this";           \
+// The independent script's hash data for image, signed by the maker's leaf
+// with its chain given apart.
+void ScriptAsMaker(const fs::path &image, bool embed) {
+  const fs::path &pki = testing_support::TestPki();
+  std::vector<std::string> args = {image.string(),
+                                   "--key",
+                                   (pki / "maker-leaf.key").string(),
+                                   "--cert",
+                                   (pki / "maker-leaf.pem").string(),
+                                   "--chain",
+                                   (pki / "maker-leaf.chain").string()};
+  if (embed) {
+    args.push_back("--embed");
   }
-
-std::vector<std::string> Lines(const LogCapture &log) {
-  std::vector<std::string> out;
-  for (std::string line : log.lines()) {
-    if (!line.empty() && line.back() == '\n') {
-      line.pop_back();
-    }
-    out.push_back(line);
-  }
-  return out;
-}
-
-std::string Joined(const std::vector<std::string> &lines) {
-  std::string out;
-  for (const std::string &line : lines) {
-    out += (out.empty() ? "" : " | ") + line;
-  }
-  return out;
-}
-
-// Every line of expected (" | "-separated) is one of the log's lines.
-void ExpectLines(const std::string &expected, const LogCapture &log,
-                 const std::string &image = "") {
-  const std::vector<std::string> got = Lines(log);
-  for (const std::string &line : Split(expected, " | ")) {
-    const std::string want = Replace(line, "{image}", image);
-    EXPECT_NE(got.end(), std::find(got.begin(), got.end(), want))
-        << "no line \"" << want << "\" in: " << Joined(got);
-  }
-}
-
-std::vector<std::string> SignerArgs(const Signer &signer) {
-  return {"--key", signer.key.string(), "--cert", signer.cert.string()};
-}
-
-void Publish(const fs::path &image, const Signer &signer, std::vector<std::string> extra = {}) {
-  std::vector<std::string> args = {image.string()};
-  for (const std::string &a : SignerArgs(signer)) {
-    args.push_back(a);
-  }
-  args.insert(args.end(), extra.begin(), extra.end());
-  CommandResult r = RunHashDataCli(args);
+  CommandResult r = RunHashDataScript(args);
   ASSERT_EQ(0, r.exitCode) << r.output;
-}
-
-void FlipByte(const fs::path &path, size_t offset) {
-  std::string bytes = ReadFile(path);
-  ASSERT_LT(offset, bytes.size());
-  bytes[offset] ^= 0x5a;
-  WriteFile(path, bytes);
 }
 
 std::string Canonical(const fs::path &path) {
@@ -145,10 +104,8 @@ TEST_P(Publisher, MatchesTheScriptByteForByte) {
     extra.push_back("--embed");
   }
   Publish(dir / "cli.iso", signer, extra);
-  std::vector<std::string> args = {(dir / "script.iso").string()};
-  for (const std::string &a : SignerArgs(signer)) {
-    args.push_back(a);
-  }
+  std::vector<std::string> args = {(dir / "script.iso").string(), "--key", signer.key.string(),
+                                   "--cert", signer.cert.string()};
   args.insert(args.end(), extra.begin(), extra.end());
   CommandResult r = RunHashDataScript(args);
   ASSERT_EQ(0, r.exitCode) << r.output;
@@ -205,16 +162,7 @@ TEST(PublisherMaker, BothFilesLoadAndAgreeBeforeTheSignature) {
       extra.push_back("--embed");
     }
     Publish(cliImage, signer, extra);
-    std::vector<std::string> args = {scriptImage.string(),
-                                     "--key",
-                                     signer.key.string(),
-                                     "--cert",
-                                     (testing_support::TestPki() / "maker-leaf.pem").string(),
-                                     "--chain",
-                                     (testing_support::TestPki() / "maker-leaf.chain").string()};
-    args.insert(args.end(), extra.begin(), extra.end());
-    CommandResult r = RunHashDataScript(args);
-    ASSERT_EQ(0, r.exitCode) << r.output;
+    ScriptAsMaker(scriptImage, embed);
 
     std::string cli = ReadFile(cliImage.string() + ".sha");
     std::string script = ReadFile(scriptImage.string() + ".sha");
@@ -231,7 +179,7 @@ TEST(PublisherMaker, BothFilesLoadAndAgreeBeforeTheSignature) {
       LogCapture log;
       ToolsIsoHashInfo *info = nullptr;
       EXPECT_TRUE(ToolsISO_GetLocalFileHashInfo(path.c_str(), image.size(), true, &info))
-          << path << ": " << Joined(Lines(log));
+          << path << ": " << LogText(log);
       EXPECT_NE(nullptr, info);
       ToolsISO_FreeHashInfo(info);
     }
@@ -259,10 +207,8 @@ TEST(PublisherRefuses, WhatTheLoaderWouldRefuse) {
     SCOPED_TRACE(c.name);
     TempDir dir;
     WriteFile(dir / "i.iso", Pattern(c.imageSize, 1));
-    std::vector<std::string> args = {(dir / "i.iso").string()};
-    for (const std::string &a : SignerArgs(signer)) {
-      args.push_back(a);
-    }
+    std::vector<std::string> args = {(dir / "i.iso").string(), "--key", signer.key.string(),
+                                     "--cert", signer.cert.string()};
     args.insert(args.end(), c.extra.begin(), c.extra.end());
     CommandResult r = RunHashDataCli(args);
     EXPECT_NE(0, r.exitCode);
@@ -308,19 +254,7 @@ fs::path LayOut(const std::string &setup, const TempDir &dir, const std::string 
   } else if (setup == "embedded" || setup == "tampered-embedded") {
     publish({"--embed"});
   } else if (setup.rfind("script-", 0) == 0) {
-    const fs::path &pki = testing_support::TestPki();
-    std::vector<std::string> args = {iso.string(),
-                                     "--key",
-                                     maker.key.string(),
-                                     "--cert",
-                                     (pki / "maker-leaf.pem").string(),
-                                     "--chain",
-                                     (pki / "maker-leaf.chain").string()};
-    if (setup == "script-embedded") {
-      args.push_back("--embed");
-    }
-    CommandResult r = RunHashDataScript(args);
-    EXPECT_EQ(0, r.exitCode) << r.output;
+    ScriptAsMaker(iso, setup == "script-embedded");
   } else if (setup.rfind("other-signer", 0) == 0) {
     const fs::path &pki = testing_support::TestPki();
     WriteFile(dir / "other.pem",
@@ -385,18 +319,18 @@ TEST_P(LocalOpen, OpensOrRefusesWithItsLine) {
   LogCapture log;
   LocalFile file;
   const uint32_t code = ToolsISO_LocalFileOpen(iso.c_str(), c[2] == "1", &file.handle);
-  EXPECT_EQ(std::stoul(c[3]), code) << Joined(Lines(log));
+  EXPECT_EQ(std::stoul(c[3]), code) << LogText(log);
   const std::string canonical = Canonical(iso);
   if (code != TOOLSISO_OPEN_OK) {
     EXPECT_EQ(nullptr, file.handle);
-    ExpectLines(c[5], log, canonical);
+    ExpectLines(c[5], log, "{image}", canonical);
     return;
   }
   ASSERT_NE(nullptr, file.handle);
   if (c[5].empty()) {
-    EXPECT_EQ("", Joined(Lines(log)));
+    EXPECT_EQ("", LogText(log));
   } else {
-    ExpectLines(c[5], log, canonical);
+    ExpectLines(c[5], log, "{image}", canonical);
   }
   // The whole image reads back; with hashes, a changed block would not.
   std::string back(image.size(), '\0');
@@ -470,9 +404,9 @@ TEST_P(LocalReadRows, ReadsOrRefuses) {
   LogCapture log;
   const bool ok = ToolsISO_LocalFileReadCB(file_.handle, buffer.data(), length, offset,
                                            c[3] == "1" ? &count : nullptr);
-  ASSERT_EQ(c[4] == "OK", ok) << Joined(Lines(log));
+  ASSERT_EQ(c[4] == "OK", ok) << LogText(log);
   if (ok) {
-    EXPECT_EQ("", Joined(Lines(log)));
+    EXPECT_EQ("", LogText(log));
     const size_t want = static_cast<size_t>(std::stoull(c[5]));
     if (c[3] == "1") {
       EXPECT_EQ(want, count);
@@ -514,7 +448,7 @@ TEST_F(LocalReads, AFlippedByteFailsOnlyItsBlock) {
     const bool ok =
         ToolsISO_LocalFileIsoReadCB(copy.handle, buffer.data(), buffer.size(), block * 2048);
     if (block != 2) {
-      EXPECT_TRUE(ok) << Joined(Lines(log));
+      EXPECT_TRUE(ok) << LogText(log);
       EXPECT_EQ(image_->substr(static_cast<size_t>(block * 2048), 2048), buffer);
       continue;
     }
@@ -524,7 +458,7 @@ TEST_F(LocalReads, AFlippedByteFailsOnlyItsBlock) {
                                  "], but found [" +
                                  OpensslBase64Sha256(changed.substr(4096, 2048)) +
                                  "] | ToolsISO: Invalid data at offset 1000 (bytes 2048)";
-    EXPECT_EQ(expected, Joined(Lines(log)));
+    EXPECT_EQ(expected, LogText(log));
     EXPECT_EQ(std::string(2048, '\0'), buffer);
   }
   // Pieces of blocks: only those in the changed block fail.
@@ -625,7 +559,7 @@ TEST_F(VerifiedIso, ExtractsThroughTheHashes) {
                 Iso9660_ExtractFileEx(volume, "/manifest.txt", (dir_ / "manifest.txt").c_str()));
       EXPECT_EQ(ISO9660_OK,
                 Iso9660_ExtractFileEx(volume, "/sub/big.bin", (dir_ / "big.bin").c_str()));
-      EXPECT_EQ("", Joined(Lines(log)));
+      EXPECT_EQ("", LogText(log));
       EXPECT_EQ("version = \"12.1.0\"\n", ReadFile(dir_ / "manifest.txt"));
       EXPECT_TRUE(big_ == ReadFile(dir_ / "big.bin"));
       EXPECT_EQ(ISO9660_OK, Iso9660_Close(volume));

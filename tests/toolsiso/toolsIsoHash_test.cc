@@ -27,18 +27,6 @@ using testing_support::TsvRow;
 using testing_support::TsvRowNamer;
 using testing_support::Unescape;
 
-// The log lines as one text, " | " between them, without line feeds.
-std::string Lines(const LogCapture &log) {
-  std::string out;
-  for (std::string line : log.lines()) {
-    if (!line.empty() && line.back() == '\n') {
-      line.pop_back();
-    }
-    out += (out.empty() ? "" : " | ") + line;
-  }
-  return out;
-}
-
 uint64_t Number(const std::string &text) {
   return std::stoull(text, nullptr, 0);
 }
@@ -101,8 +89,8 @@ TEST_P(HeaderRules, RefusesWithItsLine) {
   }
   ToolsIsoHashInfo *info = ToolsISO_ParseHashData(buffer, file.size());
   if (c[3] == "OK") {
-    ASSERT_NE(nullptr, info) << Lines(log);
-    EXPECT_EQ("", Lines(log));
+    ASSERT_NE(nullptr, info) << LogText(log);
+    EXPECT_EQ("", LogText(log));
     EXPECT_EQ(buffer, info->data);  // the record took the buffer
     EXPECT_EQ(file.size(), info->size);
     ToolsIsoHashHeader decoded = gp::DecodeToolsIsoHashHeader(buffer);
@@ -110,7 +98,7 @@ TEST_P(HeaderRules, RefusesWithItsLine) {
     ToolsISO_FreeHashInfo(info);
   } else {
     EXPECT_EQ(nullptr, info);
-    EXPECT_EQ(c[3], Lines(log));
+    EXPECT_EQ(c[3], LogText(log));
     free(buffer);  // still the caller's
   }
 }
@@ -159,14 +147,14 @@ TEST(HashImpl, OnlySha256) {
   const CryptoHashImpl *impl = ToolsISO_GetHashImpl("SHA-256");
   ASSERT_NE(nullptr, impl);
   EXPECT_EQ(32u, CryptoHash_GetOutputSize(impl));
-  EXPECT_EQ("", Lines(log));
+  EXPECT_EQ("", LogText(log));
   EXPECT_EQ(nullptr, ToolsISO_GetHashImpl("SHA-1"));
   EXPECT_EQ(nullptr, ToolsISO_GetHashImpl("sha-256"));
   EXPECT_EQ(nullptr, ToolsISO_GetHashImpl(""));
   EXPECT_EQ(
       "ToolsISO: Unsupported hash algo 'SHA-1' | ToolsISO: Unsupported hash algo 'sha-256' | "
       "ToolsISO: Unsupported hash algo ''",
-      Lines(log));
+      LogText(log));
 }
 
 TEST(HashInfo, FreeAcceptsNull) {
@@ -225,7 +213,7 @@ TEST_P(VerifyHashes, ChecksBlocks) {
   LogCapture log;
   const bool good = ToolsISO_VerifyHashes(info.get(), offset, data.data(), length, c[7] == "1");
   EXPECT_EQ(c[8] == "OK", good);
-  EXPECT_EQ(expected, Lines(log));
+  EXPECT_EQ(expected, LogText(log));
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, VerifyHashes,
@@ -241,19 +229,19 @@ TEST(VerifyHashesRecord, RefusesATableOutsideItsData) {
   forged.header.firstHashOffset = forged.size - 16;
   LogCapture log;
   EXPECT_FALSE(ToolsISO_VerifyHashes(&forged, 0, image.data(), image.size(), false));
-  EXPECT_EQ("ToolsISO: Error hashCount invalid.", Lines(log));
+  EXPECT_EQ("ToolsISO: Error hashCount invalid.", LogText(log));
   log.clear();
   forged = *info;
   memcpy(forged.header.hashAlgo, "SHA-512", 8);
   EXPECT_FALSE(ToolsISO_VerifyHashes(&forged, 0, image.data(), image.size(), false));
   EXPECT_EQ("ToolsISO: Unsupported hash algo 'SHA-512' | ToolsISO: Error failed to load hashImpl.",
-            Lines(log));
+            LogText(log));
   log.clear();
   forged = *info;
   memcpy(forged.header.hashAlgo, "SHA-256X", 8);  // no terminating zero
   EXPECT_FALSE(ToolsISO_VerifyHashes(&forged, 0, image.data(), image.size(), false));
   EXPECT_EQ("ToolsISO: Unsupported hash algo 'SHA-256X' | ToolsISO: Error failed to load hashImpl.",
-            Lines(log));
+            LogText(log));
   EXPECT_FALSE(ToolsISO_VerifyHashes(nullptr, 0, image.data(), image.size(), false));
 }
 

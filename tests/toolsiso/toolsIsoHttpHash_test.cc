@@ -31,47 +31,12 @@ using testing_support::LogCapture;
 using testing_support::Pattern;
 using testing_support::ReadFile;
 using testing_support::ReadTsv;
-using testing_support::Replace;
-using testing_support::Split;
 using testing_support::TempDir;
 using testing_support::TsvRow;
 using testing_support::TsvRowNamer;
 using testing_support::WriteFile;
 
 constexpr size_t kImageSize = 200000;
-
-std::vector<std::string> Lines(const LogCapture &log) {
-  std::vector<std::string> out;
-  for (std::string line : log.lines()) {
-    if (!line.empty() && line.back() == '\n') {
-      line.pop_back();
-    }
-    out.push_back(line);
-  }
-  return out;
-}
-
-std::string Joined(const std::vector<std::string> &lines) {
-  std::string out;
-  for (const std::string &line : lines) {
-    out += (out.empty() ? "" : " | ") + line;
-  }
-  return out;
-}
-
-void Publish(const fs::path &image, const Signer &signer, std::vector<std::string> extra = {}) {
-  std::vector<std::string> args = {image.string(), "--key", signer.key.string(), "--cert",
-                                   signer.cert.string()};
-  args.insert(args.end(), extra.begin(), extra.end());
-  CommandResult r = RunHashDataCli(args);
-  ASSERT_EQ(0, r.exitCode) << r.output;
-}
-
-void Flip(const fs::path &path, size_t offset) {
-  std::string bytes = ReadFile(path);
-  bytes[offset] ^= 0x5a;
-  WriteFile(path, bytes);
-}
 
 // One server over a document root of published images for the whole file.
 class HttpImages : public ::testing::Test {
@@ -102,14 +67,14 @@ class HttpImages : public ::testing::Test {
     WriteFile(root / "keys" / "other.pem",
               ReadFile(pki / "other-leaf.pem") + ReadFile(pki / "other-leaf.chain"));
     Publish(root / "other.iso", Signer{pki / "other-leaf.key", root / "keys" / "other.pem"});
-    Flip(root / "tampered.iso.sha", 600);
-    Flip(root / "tampered-emb.iso.sha", 600);
+    FlipByte(root / "tampered.iso.sha", 600);
+    FlipByte(root / "tampered-emb.iso.sha", 600);
     fs::remove(root / "nosig.iso.sig");
     WriteFile(root / "bigsig.iso.sig", std::string(2080, '\n'));
     WriteFile(root / "garbage.iso.sha", std::string(1000, 'x'));
     WriteFile(root / "empty.iso.sha", "");
     // Published, then changed: the block at 8192 no longer matches.
-    Flip(root / "changed.iso", 10000);
+    FlipByte(root / "changed.iso", 10000);
     server_ = new HttpServer(HttpServerKind::kLighttpd, root.path());
   }
   static void TearDownTestSuite() {
@@ -123,10 +88,7 @@ class HttpImages : public ::testing::Test {
 
  protected:
   void SetUp() override {
-    if (!CertDirUsable()) {
-      GTEST_SKIP() << "the library reads the system's certificate directory; configure "
-                      "GUESTPREP_CERT_DIR to a scratch directory to run this";
-    }
+    SKIP_WITHOUT_CERT_DIR();
     ASSERT_TRUE(server_->ok()) << server_->error();
   }
 
@@ -156,7 +118,7 @@ TEST_P(HttpHashInfo, LoadsOrRefusesWithItsLine) {
   ToolsIsoHashInfo *info = reinterpret_cast<ToolsIsoHashInfo *>(1);
   const bool result =
       ToolsISO_GetHttpHashInfo(nullptr, url.c_str(), std::stoull(c[2]), c[3] == "1", &info);
-  EXPECT_EQ(c[4] == "1", result) << Joined(Lines(log));
+  EXPECT_EQ(c[4] == "1", result) << LogText(log);
   EXPECT_EQ(c[5] == "1", info != nullptr);
   if (info != nullptr) {
     EXPECT_EQ(BlocksOf(kImageSize, 4096), info->header.hashCount);
@@ -166,15 +128,10 @@ TEST_P(HttpHashInfo, LoadsOrRefusesWithItsLine) {
         std::string(reinterpret_cast<char *>(info->data) + info->header.firstHashOffset + 32, 32));
   }
   ToolsISO_FreeHashInfo(info);
-  const std::vector<std::string> got = Lines(log);
   if (c[6].empty()) {
-    EXPECT_EQ("", Joined(got));
+    EXPECT_EQ("", LogText(log));
   }
-  for (const std::string &line : c[6].empty() ? std::vector<std::string>{} : Split(c[6], " | ")) {
-    const std::string want = Replace(line, "{base}", base);
-    EXPECT_NE(got.end(), std::find(got.begin(), got.end(), want))
-        << "no line \"" << want << "\" in: " << Joined(got);
-  }
+  ExpectLines(c[6], log, "{base}", base);
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, HttpHashInfo,
@@ -283,15 +240,14 @@ TEST_F(HttpImages, ReaderFailsOnlyTheReadsOfAChangedBlock) {
     EXPECT_EQ(p.ok, ToolsISO_HttpReaderIsoReadCB(reader.handle, buffer.data(), p.length, p.offset));
     if (p.ok) {
       EXPECT_EQ(image_->substr(p.offset, p.length), buffer);
-      EXPECT_EQ("", Joined(Lines(log)));
+      EXPECT_EQ("", LogText(log));
     } else {
       EXPECT_EQ(std::string(p.length, '\0'), buffer);
       const std::string mismatch =
           "ToolsISO: Error hash mismatch at offset 0x2000, expected hash [" +
           OpensslBase64Sha256(image_->substr(8192, 4096)) + "], but found [" +
           OpensslBase64Sha256(changed.substr(8192, 4096)) + "]";
-      EXPECT_EQ(mismatch + " | ToolsISO: Invalid data at offset 2000 (bytes 4096)",
-                Joined(Lines(log)));
+      EXPECT_EQ(mismatch + " | ToolsISO: Invalid data at offset 2000 (bytes 4096)", LogText(log));
     }
   }
 }
