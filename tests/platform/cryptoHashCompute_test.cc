@@ -14,20 +14,11 @@
 namespace {
 
 using testing_support::CommandResult;
+using testing_support::Hex;
 using testing_support::Pattern;
 using testing_support::RunCommand;
 using testing_support::TempDir;
 using testing_support::WriteFile;
-
-std::string Hex(const std::string &bytes) {
-  static const char kHex[] = "0123456789abcdef";
-  std::string out;
-  for (unsigned char c : bytes) {
-    out += kHex[c >> 4];
-    out += kHex[c & 15];
-  }
-  return out;
-}
 
 // What "openssl dgst -ALG -r" prints for data: the hex digest.
 std::string OpensslDigest(const std::string &algorithm, const std::string &data) {

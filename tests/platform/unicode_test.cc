@@ -9,31 +9,19 @@
 #include <string>
 
 #include "platform/unicode/unicode.h"
+#include "support/signFixtures.h"
 #include "support/testSupport.h"
 
 namespace {
 
+using testing_support::Hex;
 using testing_support::ReadTsv;
 using testing_support::RunCommand;
 using testing_support::TempDir;
 using testing_support::TsvRow;
 using testing_support::TsvRowNamer;
+using testing_support::Unescape;
 using testing_support::WriteFile;
-
-// A cell's text with every "\xNN" as that byte, so invalid UTF-8 fits a
-// table.
-std::string Unescape(const std::string &cell) {
-  std::string out;
-  for (size_t i = 0; i < cell.size(); ++i) {
-    if (cell.compare(i, 2, "\\x") == 0 && i + 4 <= cell.size()) {
-      out.push_back(static_cast<char>(std::stoi(cell.substr(i + 2, 2), nullptr, 16)));
-      i += 3;
-    } else {
-      out.push_back(cell[i]);
-    }
-  }
-  return out;
-}
 
 // The converted bytes up to the terminator (a two-byte one in UTF-16),
 // freed; "<null>" for none.
@@ -51,16 +39,6 @@ std::string TakeBytes(char *bytes, StringEncoding enc) {
   }
   std::string out(bytes, size);
   free(bytes);
-  return out;
-}
-
-std::string Hex(const std::string &bytes) {
-  static const char digits[] = "0123456789ABCDEF";
-  std::string out;
-  for (unsigned char c : bytes) {
-    out += digits[c >> 4];
-    out += digits[c & 15];
-  }
   return out;
 }
 

@@ -254,6 +254,16 @@ std::string Lower(std::string text) {
   return text;
 }
 
+std::string Hex(const std::string &bytes) {
+  static const char kDigits[] = "0123456789abcdef";
+  std::string out;
+  for (unsigned char c : bytes) {
+    out += kDigits[c >> 4];
+    out += kDigits[c & 15];
+  }
+  return out;
+}
+
 std::string Pattern(size_t size, unsigned seed) {
   std::string s(size, '\0');
   uint32_t x = seed * 2654435761u + 1;

@@ -111,6 +111,8 @@ std::vector<std::string> Split(const std::string &text, const std::string &sep);
 // Every from in text replaced by to.
 std::string Replace(std::string text, const std::string &from, const std::string &to);
 std::string Lower(std::string text);
+// Lower-case hex of bytes, so unequal bytes show readably.
+std::string Hex(const std::string &bytes);
 
 // Bytes that differ from one offset to the next, so a misplaced block shows.
 std::string Pattern(size_t size, unsigned seed);
