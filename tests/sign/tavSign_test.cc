@@ -26,10 +26,10 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing_support::CertDirLease;
-using testing_support::CertDirUsable;
 using testing_support::LogCapture;
 using testing_support::OpensslSign;
 using testing_support::ReadTsv;
+using testing_support::SignatureCell;
 using testing_support::TempDir;
 using testing_support::TestPki;
 using testing_support::TsvRow;
@@ -53,12 +53,6 @@ struct BioDeleter {
 };
 using Bio = std::unique_ptr<BIO, BioDeleter>;
 
-#define SKIP_WITHOUT_CERT_DIR()                                                          \
-  if (!CertDirUsable()) {                                                                \
-    GTEST_SKIP() << "the library was built to read " << TavSignCertDir()                 \
-                 << "; configure GUESTPREP_CERT_DIR to a scratch directory to run this"; \
-  }
-
 std::string StatusName(TavSignStatus status) {
   static const char *const kNames[] = {"ERROR",    "BRM_SIGNED",     "PARTNER_SIGNED",
                                        "UNSIGNED", "INVALID_DIGEST", "INVALID_CERT"};
@@ -71,16 +65,6 @@ std::string TakeText(char *text) {
   std::string out = text == nullptr ? "" : (*text == '\0' ? "<empty>" : text);
   free(text);
   return out;
-}
-
-// A signature cell: "text:" and the escaped text itself, or the signers
-// and the openssl command that signs kData.
-std::string SignatureFor(const std::string &cell, const std::string &data = kData) {
-  if (cell.rfind("text:", 0) == 0) {
-    return Unescape(cell.substr(5));
-  }
-  const size_t space = cell.find(' ');
-  return OpensslSign(cell.substr(0, space), cell.substr(space + 1), data);
 }
 
 bool IsDetached(const std::string &signatureCell) {
@@ -177,7 +161,7 @@ class SignVerifyTest : public ::testing::TestWithParam<TsvRow> {};
 TEST_P(SignVerifyTest, Verifies) {
   SKIP_WITHOUT_CERT_DIR();
   const auto &c = GetParam().cells;
-  std::string signature = SignatureFor(c[1]);
+  std::string signature = SignatureCell(c[1], kData);
   ASSERT_FALSE(signature.empty());
   const bool detached = IsDetached(c[1]);
   std::string data = kData;
@@ -229,7 +213,7 @@ class SignDigestTest : public ::testing::TestWithParam<TsvRow> {};
 TEST_P(SignDigestTest, Extracts) {
   const auto &c = GetParam().cells;
   const std::string data = Unescape(c[2]);
-  std::string signature = SignatureFor(c[1], data);
+  std::string signature = SignatureCell(c[1], data);
   ASSERT_FALSE(signature.empty());
   if (c[3] == "content") {
     signature = TamperContent(signature, data);
@@ -272,7 +256,7 @@ TEST_P(SignLoadTest, Loads) {
     if (c[2] == "<null>") {
       pkcs7.reset(TavSign_GetPKCS7FromRawBuffer(nullptr, 16, &error));
     } else {
-      const std::string input = SignatureFor(c[2]);
+      const std::string input = SignatureCell(c[2], kData);
       pkcs7.reset(
           TavSign_GetPKCS7FromRawBuffer(input.data(), static_cast<uint32_t>(input.size()), &error));
     }
@@ -283,7 +267,7 @@ TEST_P(SignLoadTest, Loads) {
     } else if (c[2] == "<dir>") {
       path = dir.path();
     } else {
-      WriteFile(path, SignatureFor(c[2]));
+      WriteFile(path, SignatureCell(c[2], kData));
     }
     pkcs7.reset(TavSign_GetPKCS7FromFile(path.c_str(), &error));
   }
@@ -303,7 +287,7 @@ class ToolsIsoSignatureTest : public ::testing::TestWithParam<TsvRow> {};
 TEST_P(ToolsIsoSignatureTest, VerifiesAndLogs) {
   SKIP_WITHOUT_CERT_DIR();
   const auto &c = GetParam().cells;
-  const std::string signature = SignatureFor(c[1]);
+  const std::string signature = SignatureCell(c[1], kData);
   std::string data = kData;
   if (c[4] == "data") {
     data[0] ^= 0x20;

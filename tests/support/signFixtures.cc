@@ -27,13 +27,7 @@ std::string Sha256Hex(const std::string &text) {
   if (EVP_Digest(text.data(), text.size(), digest, &size, EVP_sha256(), nullptr) != 1) {
     throw std::runtime_error("SHA-256 failed");
   }
-  static constexpr char kHex[] = "0123456789abcdef";
-  std::string hex;
-  for (unsigned int i = 0; i < size; i++) {
-    hex += kHex[digest[i] >> 4];
-    hex += kHex[digest[i] & 0xf];
-  }
-  return hex;
+  return Hex(std::string(reinterpret_cast<char *>(digest), size));
 }
 
 // An exclusive lock on a file, held until the descriptor is closed.
@@ -86,10 +80,6 @@ fs::path MakePki() {
   return dir;
 }
 
-std::vector<std::string> Words(const std::string &text) {
-  return Split(text, " ");
-}
-
 }  // namespace
 
 const fs::path &TestPki() {
@@ -102,7 +92,7 @@ std::string OpensslSign(const std::string &signers, const std::string &how,
   const fs::path &pki = TestPki();
   TempDir dir;
   WriteFile(dir / "data", data);
-  std::vector<std::string> options = Words(how);
+  std::vector<std::string> options = Split(how, " ");
   if (options.empty()) {
     ADD_FAILURE() << "no openssl command in \"" << how << "\"";
     return "";
@@ -139,6 +129,14 @@ std::string OpensslSign(const std::string &signers, const std::string &how,
                         "-----END CMS-----", "-----END PKCS7-----");
   }
   return signature;
+}
+
+std::string SignatureCell(const std::string &cell, const std::string &data) {
+  if (cell.rfind("text:", 0) == 0) {
+    return Unescape(cell.substr(5));
+  }
+  const size_t space = cell.find(' ');
+  return OpensslSign(cell.substr(0, space), cell.substr(space + 1), data);
 }
 
 std::string Unescape(const std::string &cell) {

@@ -28,12 +28,22 @@ const std::filesystem::path &TestPki();
 std::string OpensslSign(const std::string &signers, const std::string &how,
                         const std::string &data);
 
+// A signature table cell: "text:" and the escaped text itself, or the
+// signers and the openssl command that sign data, as OpensslSign takes them.
+std::string SignatureCell(const std::string &cell, const std::string &data);
+
 // Backslash escapes of table cells: \n, \r, \t, \0, \\ and \xHH.
 std::string Unescape(const std::string &cell);
 
 // Whether the library reads a certificate directory the tests may fill
 // (never the system's).
 bool CertDirUsable();
+
+#define SKIP_WITHOUT_CERT_DIR()                                                        \
+  if (!testing_support::CertDirUsable()) {                                             \
+    GTEST_SKIP() << "the library reads the system's certificate directory; configure " \
+                    "GUESTPREP_CERT_DIR to a scratch directory to run this";           \
+  }
 
 class CertDirLease {
  public:

@@ -27,12 +27,6 @@ namespace fs = std::filesystem;
 using testing_support::CommandResult;
 using testing_support::RunCommand;
 
-#define SKIP_WITHOUT_CERT_DIR()                                                        \
-  if (!testing_support::CertDirUsable()) {                                             \
-    GTEST_SKIP() << "the library reads the system's certificate directory; configure " \
-                    "GUESTPREP_CERT_DIR to a scratch directory to run this";           \
-  }
-
 // The captured log lines without their line feeds.
 inline std::vector<std::string> LogLines(const testing_support::LogCapture &log) {
   std::vector<std::string> out;
