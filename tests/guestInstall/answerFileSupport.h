@@ -47,8 +47,8 @@ inline time_t FixedClock(time_t *out) {
 }
 
 // Where each family's file lands below the output directory.
-inline fs::path AnswerPath(const TempDir &dir, const char *osKey) {
-  switch (AutoInstallGetLinuxFamily(osKey)) {
+inline fs::path AnswerPath(const TempDir &dir, const std::string &osKey) {
+  switch (AutoInstallGetLinuxFamily(osKey.c_str())) {
     case LINUX_FAMILY_REDHAT:
       return dir / "ks.cfg";
     case LINUX_FAMILY_UBUNTU:
@@ -61,12 +61,12 @@ inline fs::path AnswerPath(const TempDir &dir, const char *osKey) {
 }
 
 // The written file's path, or nullopt when the writer refused.
-inline std::optional<fs::path> Write(const TempDir &dir, const char *osKey, GuessVersion v,
+inline std::optional<fs::path> Write(const TempDir &dir, const std::string &osKey, GuessVersion v,
                                      const Texts &t = {}, bool powerOff = false,
                                      bool nvme = false) {
   autoinstall::SetCryptClockForTesting(FixedClock);
   const bool written = AutoInstall_PrepareAnswerFileEx_Linux(
-      osKey, v, dir.str().c_str(), kUser, t.fullName.c_str(), t.userPassword.c_str(),
+      osKey.c_str(), v, dir.str().c_str(), kUser, t.fullName.c_str(), t.userPassword.c_str(),
       t.rootPassword.c_str(), powerOff, nvme);
   autoinstall::SetCryptClockForTesting(nullptr);
   return written ? std::optional(AnswerPath(dir, osKey)) : std::nullopt;
@@ -74,16 +74,36 @@ inline std::optional<fs::path> Write(const TempDir &dir, const char *osKey, Gues
 
 // One record under tests/data/answers/ and the releases that write it.
 struct Release {
-  const char *osKey;
+  std::string osKey;
   GuessVersion version;
-  const char *kernelArg = "ks=cdrom:/ks.cfg";  // what a kickstart write stores
+  std::string kernelArg = "ks=cdrom:/ks.cfg";  // what a kickstart write stores
 };
 struct Variant {
-  const char *record;
+  std::string record;
   std::vector<Release> releases;
   bool powerOff = false;
   bool nvme = false;
 };
+
+// The variants of the table answers/<table> (its header tells the columns).
+inline std::vector<Variant> ReadVariants(const std::string &table) {
+  std::vector<Variant> out;
+  for (const testing_support::TsvRow &row : testing_support::ReadTsv("answers/" + table, 3)) {
+    Variant v{row.cells[0], {}};
+    for (const std::string &release : testing_support::Split(row.cells[1], ",")) {
+      std::vector<std::string> words = testing_support::Split(release, " ");
+      words.resize(3);
+      v.releases.push_back({words[0], testing_support::VersionByName(words[1])});
+      if (!words[2].empty()) {
+        v.releases.back().kernelArg = words[2];
+      }
+    }
+    v.powerOff = row.cells[2].find("poweroff") != std::string::npos;
+    v.nvme = row.cells[2].find("nvme") != std::string::npos;
+    out.push_back(v);
+  }
+  return out;
+}
 
 inline void PrintTo(const Variant &v, std::ostream *os) {
   *os << v.record;

@@ -22,8 +22,6 @@ using namespace answer_file_support;
 using testing_support::ReadFile;
 using testing_support::RunCommand;
 
-constexpr char kKsDevice[] = "ks=cdrom:/dev/cdrom:/ks.cfg";
-
 // The texts the records were written with.
 const Texts kTexts{.rootPassword = "r00t \"secret\" ]]"};
 
@@ -48,47 +46,16 @@ std::string Capture(const std::string &text, const char *pattern) {
 
 /* Every release variant */
 
-const Variant kVariants[] = {
-    // Legacy installers: langsupport, mouse, --resolvedeps, no %end.
-    {"ks-rhel4.cfg", {{"rhel4", GUESS_VERSION_UNKNOWN}, {"centos", GUESS_VERSION_CENTOS_4}}},
-    // Release 5, and keys no row places, take the rows by version value.
-    {"ks-rhel5.cfg",
-     {{"rhel5-64", GUESS_VERSION_UNKNOWN},
-      {"centos-64", GUESS_VERSION_CENTOS_5},
-      {"centos7-64", GUESS_VERSION_CENTOS_7_MINIMAL},  // not RHEL-like
-      {"fedora-64", GUESS_VERSION_UNKNOWN}}},
-    {"ks-rhel6.cfg", {{"rhel6-64", GUESS_VERSION_UNKNOWN}, {"centos-64", GUESS_VERSION_CENTOS_6}}},
-    {"ks-rhel7-server.cfg", {{"rhel7-64", GUESS_VERSION_RHEL_SERVER}}},
-    {"ks-rhel7-workstation.cfg",
-     {{"rhel7-64", GUESS_VERSION_RHEL_WORKSTATION}, {"centos7-64", GUESS_VERSION_CENTOS_7}}},
-    {.record = "ks-rhel8-poweroff.cfg",
-     .releases = {{"rhel8-64", GUESS_VERSION_UNKNOWN}},
-     .powerOff = true},
-    {"ks-centos8.cfg", {{"centos8-64", GUESS_VERSION_CENTOS_8}}},
-    {"ks-asianux3.cfg", {{"asianux3-64", GUESS_VERSION_UNKNOWN}}},
-    {"ks-asianux4.cfg", {{"asianux4-64", GUESS_VERSION_UNKNOWN}}},
-    {"ks-fedora9.cfg", {{"fedora", GUESS_VERSION_FEDORA_9_TO_12}}},
-    {"ks-fedora14.cfg",
-     {{"fedora-64", GUESS_VERSION_FEDORA_14_TO_16},
-      {"fedora-64", GUESS_VERSION_FEDORA_17, kKsDevice}}},
-    {"ks-fedora18-64.cfg", {{"fedora-64", GUESS_VERSION_FEDORA_18, kKsDevice}}},
-    {"ks-fedora18-32.cfg", {{"fedora", GUESS_VERSION_FEDORA_18, kKsDevice}}},
-    {"ks-fedora19-32.cfg", {{"fedora", GUESS_VERSION_FEDORA_19_TO_20, kKsDevice}}},
-    {"ks-fedora21.cfg", {{"fedora-64", GUESS_VERSION_FEDORA_21}}},
-    {"ks-fedora22.cfg", {{"fedora-64", GUESS_VERSION_FEDORA_22_TO_28}}},
-    {"ks-fedora29.cfg", {{"fedora-64", GUESS_VERSION_FEDORA_29_OR_HIGHER}}},
-};
-
 class KickstartVariantTest : public KickstartTest, public ::testing::WithParamInterface<Variant> {};
 
 TEST_P(KickstartVariantTest, EveryReleaseWritesTheRecordAndKernelArgument) {
   const Variant &v = GetParam();
   for (const Release &r : v.releases) {
-    SCOPED_TRACE(std::string(r.osKey) + " version " + std::to_string(r.version));
+    SCOPED_TRACE(r.osKey + " version " + std::to_string(r.version));
     TempDir dir;
     const auto file = Write(dir, r.osKey, r.version, kTexts, v.powerOff);
     ASSERT_TRUE(file);
-    EXPECT_STREQ(LinuxFamilyTable[LINUX_FAMILY_REDHAT].kernelArgs, r.kernelArg);
+    EXPECT_STREQ(LinuxFamilyTable[LINUX_FAMILY_REDHAT].kernelArgs, r.kernelArg.c_str());
     const std::string ks = ReadFile(*file);
     ExpectHashOf(Capture(ks, R"(\nrootpw --iscrypted (\S+)\n)"), kTexts.rootPassword);
     ExpectHashOf(Capture(ks, R"(\n/usr/sbin/usermod -p '([^']+)' jdoe\n)"), kTexts.userPassword);
@@ -96,7 +63,8 @@ TEST_P(KickstartVariantTest, EveryReleaseWritesTheRecordAndKernelArgument) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Releases, KickstartVariantTest, ::testing::ValuesIn(kVariants),
+INSTANTIATE_TEST_SUITE_P(Releases, KickstartVariantTest,
+                         ::testing::ValuesIn(ReadVariants("ks-variants.tsv")),
                          [](const auto &info) { return RecordTestName(info.param.record); });
 
 /* Hostile full names, in each template */
