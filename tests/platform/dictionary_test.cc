@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "platform/file/fileIO.h"
+#include "support/signFixtures.h"
 #include "support/testSupport.h"
 
 namespace {
@@ -21,6 +22,8 @@ using testing_support::LogCapture;
 using testing_support::ReadFile;
 using testing_support::RunCommand;
 using testing_support::TempDir;
+using testing_support::TsvRow;
+using testing_support::Unescape;
 using testing_support::WriteFile;
 using Entries = std::vector<std::pair<std::string, std::string>>;
 
@@ -52,81 +55,36 @@ std::string English(MsgList *m) {
   return testing_support::Take(MsgList_ToEnglishString(m));
 }
 
-struct LoadCase {
-  const char *what;
-  std::string text;
-  Entries want;
-};
+class DictionaryLoad : public ::testing::TestWithParam<TsvRow> {};
 
-TEST(Dictionary, LoadsWellFormedTexts) {
-  const LoadCase cases[] = {
-      {"quoted, blanks around everything", " \ta\t=\t\"x y\" \n", {{"a", "x y"}}},
-      {"comments and blank lines", "# c\n\n  # indented\nk = \"v\" # trailing\n", {{"k", "v"}}},
-      {"escapes in both cases", "k = \"|22q|22 |7c|7C |0Aend\"\n", {{"k", "\"q\" || \nend"}}},
-      {"hash inside quotes is data", "k = \"a # b\"\n", {{"k", "a # b"}}},
-      {"equals in value", "k = \"a=b\"\n", {{"k", "a=b"}}},
-      {"unquoted value to comment",
-       "k =  plain text  # note\nj=\n",
-       {{"k", "plain text"}, {"j", ""}}},
-      {"CR LF line ends", "a = \"1\"\r\nb = \"2\"\r\n", {{"a", "1"}, {"b", "2"}}},
-      {"byte order mark",
-       "\xEF\xBB\xBF"
-       "a = \"1\"\n",
-       {{"a", "1"}}},
-      {"no final line feed", "a = \"1\"", {{"a", "1"}}},
-      {"empty text", "", {}},
-      {"duplicate keeps first place and case",
-       "Name = \"1\"\nother = \"2\"\nNAME = \"3\"\n",
-       {{"Name", "3"}, {"other", "2"}}},
-      {"UTF-8 passes through", "k = \"Grüße\"\n", {{"k", "Grüße"}}},
-      {"punctuated names", "scsi0:0.fileName = \"d.disk\"\n", {{"scsi0:0.fileName", "d.disk"}}},
-  };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.what);
-    Dict d;
-    Msgs msgs;
-    EXPECT_TRUE(Dictionary_LoadFromBufferEx(d, c.text.data(), c.text.size(), &msgs.m));
+// A malformed line fails the whole load, names its line and changes nothing.
+TEST_P(DictionaryLoad, LoadsOrNamesTheBadLine) {
+  const auto &c = GetParam().cells;
+  const std::string text = testing_support::Replace(Unescape(c[1]), "<max-line>",
+                                                    std::string(DICTIONARY_MAX_LINE_LENGTH, 'x'));
+  Dict d;
+  Msgs msgs;
+  if (c[2] == "ok") {
+    EXPECT_TRUE(Dictionary_LoadFromBufferEx(d, text.data(), text.size(), &msgs.m));
     EXPECT_EQ(nullptr, msgs.m) << English(msgs);
-    EXPECT_EQ(c.want, All(d));
+    Entries want;
+    for (const std::string &entry : testing_support::Split(c[3], " ; ")) {
+      const size_t eq = entry.find('=');
+      want.emplace_back(entry.substr(0, eq), Unescape(entry.substr(eq + 1)));
+    }
+    EXPECT_EQ(want, All(d));
+    return;
   }
+  ASSERT_TRUE(Dict_SetString(d, "kept", "before"));
+  EXPECT_FALSE(Dictionary_LoadFromBufferEx(d, text.data(), text.size(), &msgs.m));
+  ASSERT_EQ(1u, MsgList_Count(msgs));
+  EXPECT_NE(std::string::npos, English(msgs).find("in buffer at " + c[2] + ":")) << English(msgs);
+  EXPECT_EQ((Entries{{"before", "kept"}}), All(d));  // all-or-nothing
 }
 
-struct BadCase {
-  const char *what;
-  std::string text;
-  unsigned line;
-};
-
-TEST(Dictionary, MalformedLineFailsWholeLoadNamingTheLine) {
-  const BadCase cases[] = {
-      {"no equals", "a = \"1\"\njust words\n", 2},
-      {"empty name", "a = \"1\"\n\n = \"x\"\n", 3},
-      {"unterminated quote", "a = \"1\nb = \"2\"\n", 1},
-      {"bad hex digit", "a = \"|2G\"\n", 1},
-      {"escape cut short", "a = \"x|2\"\n", 1},
-      {"escape of NUL", "a = \"|00\"\n", 1},
-      {"NUL byte", std::string("a = \"1\"\nb = \"x\0y\"\n", 16), 2},
-      {"text after quote", "a = \"1\" junk\n", 1},
-      {"quote in name", "a\"b = \"1\"\n", 1},
-      {"line over the limit",
-       "a = \"1\"\nb = \"" + std::string(DICTIONARY_MAX_LINE_LENGTH, 'x') + "\"\n", 2},
-      {"CR LF counted once", "a = \"1\"\r\nb = \"2\"\r\nbad\r\n", 3},
-      // A fuzzer's find: loaded as a name, this did not survive a write and reload.
-      {"byte order mark past the start", "#lmamo\n\xEF\xBB\xBF=e \x1Dn\n", 2},
-  };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.what);
-    Dict d;
-    ASSERT_TRUE(Dict_SetString(d, "kept", "before"));
-    Msgs msgs;
-    EXPECT_FALSE(Dictionary_LoadFromBufferEx(d, c.text.data(), c.text.size(), &msgs.m));
-    ASSERT_EQ(1u, MsgList_Count(msgs));
-    EXPECT_NE(std::string::npos,
-              English(msgs).find("in buffer at line " + std::to_string(c.line) + ":"))
-        << English(msgs);
-    EXPECT_EQ((Entries{{"before", "kept"}}), All(d));  // all-or-nothing
-  }
-}
+INSTANTIATE_TEST_SUITE_P(Table, DictionaryLoad,
+                         ::testing::ValuesIn(testing_support::ReadTsv("dictionary/load.tsv", 4)),
+                         testing_support::TsvRowNamer());
 
 TEST(Dictionary, LoadWithoutListPostsToPendingMessages) {
   MsgList_Free(Msg_GetMessagesAndReset());
