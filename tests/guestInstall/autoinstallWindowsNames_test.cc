@@ -14,12 +14,17 @@
 #include "guessGuest/mediaCorpus.h"
 #include "guestprep/autoinstall.h"
 #include "platform/msg/msg.h"
+#include "support/signFixtures.h"
 #include "support/testSupport.h"
 
 namespace {
 
+using testing_support::ReadTsv;
 using testing_support::Take;
 using testing_support::TempDir;
+using testing_support::TsvRow;
+using testing_support::TsvRowNamer;
+using testing_support::Unescape;
 using testing_support::WriteFile;
 
 std::string Pretty(const std::string &name) {
@@ -32,41 +37,20 @@ class AutoInstallWindowsTest : public ::testing::Test {
   void TearDown() override { Msg_ResetCatalog(); }
 };
 
-TEST_F(AutoInstallWindowsTest, DecisiveDisplayNames) {
+class AutoInstallWindowsPrettyName : public AutoInstallWindowsTest,
+                                     public ::testing::WithParamInterface<TsvRow> {};
+
+TEST_P(AutoInstallWindowsPrettyName, IsTheDecisiveName) {
+  EXPECT_EQ(Unescape(GetParam().cells[1]), Pretty(Unescape(GetParam().cells[0])));
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, AutoInstallWindowsPrettyName,
+                         ::testing::ValuesIn(ReadTsv("windows/pretty-names.tsv", 2)),
+                         TsvRowNamer());
+
+TEST_F(AutoInstallWindowsTest, LongOrMissingNames) {
   const std::string longProduct(100000, 'W');
-  const struct {
-    std::string in, want;
-  } cases[] = {
-      {"Windows 7 HOMEPREMIUMN", "Windows 7 Home Premium N"},
-      {"Windows Longhorn SERVERENTERPRISE", "Windows Server 2008 Enterprise"},
-      {"Windows Server 2008 R2 SERVERSTANDARDCORE", "Windows Server 2008 R2 Standard Core"},
-      {"Windows Longhorn SERVERSTANDARDVCORE", "Windows Server 2008 Standard Core without Hyper-V"},
-      {"Windows Server 2016 Technical Preview 5 SERVERSOLUTION",
-       "Windows Server 2016 TP5 Essentials"},
-      {"Windows 10 Enterprise_N_2016_LTSB", "Windows 10 Enterprise N 2016 LTSB"},
-      {"Windows 10 Home_China", "Windows 10 Home Chinese"},
-      // A later row that also fits names the edition; the earlier suffix stays.
-      {"Windows Server 2016 SERVERDATACENTERACORE", "Windows Server 2016 Datacenter Core"},
-      {"Windows Server SERVERSTANDARDACORE", "Windows Server Standard Core"},
-      // Prefix matching is case-sensitive but not whole-word.
-      {"Windows 10 Professional", "Windows 10 Pro"},
-      {"Windows 7 ULTIMATEX", "Windows 7 Ultimate"},
-      {"Windows 7 ultimate", "Windows 7 ultimate"},
-      // No known edition: unchanged, even with a product row.
-      {"Windows 10 Core", "Windows 10 Core"},
-      {"", ""},
-      {"Windows 7 ", "Windows 7 "},
-      {"Windows 10 \xC3\xA9"
-       "dition",
-       "Windows 10 \xC3\xA9"
-       "dition"},
-      // Format directives in the detected text are data, not a format.
-      {"%s%n Pro", "%s%n Pro"},
-      {longProduct + " Pro", longProduct + " Pro"},
-  };
-  for (const auto &c : cases) {
-    EXPECT_EQ(c.want, Pretty(c.in)) << c.in.substr(0, 60);
-  }
+  EXPECT_EQ(longProduct + " Pro", Pretty(longProduct + " Pro"));
   EXPECT_EQ(nullptr, AutoInstall_GetPrettyWindowsName(nullptr));
 }
 
@@ -119,36 +103,20 @@ TEST_F(AutoInstallWindowsTest, DisplayNamesAreLocalised) {
   EXPECT_EQ(" Home Premium N (Windows 7)", Pretty("Windows 7 HOMEPREMIUMN"));
 }
 
-TEST_F(AutoInstallWindowsTest, SupportDependsOnKeyAndVersion) {
-  const struct {
-    const char *key;
-    GuessVersion version;
-    bool want;
-  } cases[] = {
-      {"windows9-64", GUESS_VERSION_UNKNOWN, true},
-      {"windows9-64", GUESS_VERSION_WINDOWS_8_TRIAL, false},
-      {"windows9-64", GUESS_VERSION_WINDOWS_SERVER_2012_TRIAL, false},
-      {"windows9-64", GUESS_VERSION_WINDOWS_10_ESD, false},
-      {"windows9-64", GUESS_VERSION_WINDOWS_10_TRIAL, true},  // not among the five
-      {"windows8srv-64", GUESS_VERSION_WINDOWS_SERVER_2012_R2_PLAIN, true},
-      {"longhorn-64", GUESS_VERSION_UNKNOWN, true},
-      {"windows2022srvNext-64", GUESS_VERSION_UNKNOWN, true},
-      {"windows9", GUESS_VERSION_UNKNOWN, false},  // 32-bit
-      {"winVista-64", GUESS_VERSION_UNKNOWN, false},
-      {"windows11-64", GUESS_VERSION_UNKNOWN, false},
-      {"arm-windows9-64", GUESS_VERSION_UNKNOWN, false},
-      // The prefix test ignores case, the 64-bit test does not.
-      {"WINDOWS9-64", GUESS_VERSION_UNKNOWN, true},
-      {"Windows9", GUESS_VERSION_UNKNOWN, true},
-      {"windows9-64x", GUESS_VERSION_UNKNOWN, true},
-      {"", GUESS_VERSION_UNKNOWN, false},
-  };
-  for (const auto &c : cases) {
-    GuessInfo info{};
-    info.osKey = c.key;
-    info.version = c.version;
-    EXPECT_EQ(c.want, AutoInstallIsSupportedWindowsGuest(&info)) << c.key << " " << c.version;
-  }
+class AutoInstallWindowsSupport : public ::testing::TestWithParam<TsvRow> {};
+
+TEST_P(AutoInstallWindowsSupport, DependsOnKeyAndVersion) {
+  const auto &c = GetParam().cells;
+  GuessInfo info{};
+  info.osKey = c[0].c_str();
+  info.version = static_cast<GuessVersion>(testing_support::VersionByName(c[1]));
+  EXPECT_EQ(c[2] == "1", AutoInstallIsSupportedWindowsGuest(&info));
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, AutoInstallWindowsSupport,
+                         ::testing::ValuesIn(ReadTsv("windows/supported.tsv", 3)), TsvRowNamer());
+
+TEST(AutoInstallWindowsSupportArgs, NoKeyOrInfoIsUnsupported) {
   GuessInfo noKey{};
   EXPECT_FALSE(AutoInstallIsSupportedWindowsGuest(&noKey));
   EXPECT_FALSE(AutoInstallIsSupportedWindowsGuest(nullptr));
