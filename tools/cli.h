@@ -4,9 +4,11 @@
 #define GUESTPREP_TOOLS_CLI_H
 
 #include <CLI/CLI.hpp>
+#include <cstring>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "guestprep/autoinstall.h"
 
@@ -57,6 +59,27 @@ int DetectInstall(const std::string &image, GuessInfo *info, LinuxInstallFamily 
                   bool windowsToo = false);
 
 bool IsWindowsKey(const std::string &osKey);
+
+// A fixed-size text field of GuessInfo, up to its zero byte or its end.
+template <size_t N>
+std::string Field(const char (&field)[N]) {
+  return std::string(field, strnlen(field, N));
+}
+
+// A "?"-terminated list field of GuessInfo as its entries.
+template <size_t N>
+std::vector<std::string> ListField(const char (&field)[N]) {
+  std::vector<std::string> items;
+  std::string text = Field(field);
+  size_t start = 0;
+  for (size_t q; (q = text.find('?', start)) != std::string::npos; start = q + 1) {
+    items.push_back(text.substr(start, q - start));
+  }
+  if (start < text.size()) {
+    items.push_back(text.substr(start));
+  }
+  return items;
+}
 
 // The Windows templates and host files: given, else the installed ones,
 // else those of the source tree the program was built from.

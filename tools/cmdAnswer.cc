@@ -133,21 +133,6 @@ bool CheckTexts(const GuessInfo &info, const Secret &password, const Secret &roo
 
 /* Windows */
 
-// The entries of a "?"-terminated list field.
-std::vector<std::string> ListField(const char *field) {
-  std::vector<std::string> out;
-  std::string item;
-  for (const char *p = field; *p != '\0'; p++) {
-    if (*p == '?') {
-      out.push_back(item);
-      item.clear();
-    } else {
-      item += *p;
-    }
-  }
-  return out;
-}
-
 std::string Pretty(const std::string &edition) {
   char *pretty = AutoInstall_GetPrettyWindowsName(edition.c_str());
   std::string out = pretty != nullptr ? pretty : edition;
@@ -158,7 +143,7 @@ std::string Pretty(const std::string &edition) {
 // The edition to install: --edition as listed or as displayed (any case),
 // else the image's only one.
 bool ChooseEdition(const GuessInfo &info, std::string *edition) {
-  std::vector<std::string> editions = ListField(info.editions);
+  std::vector<std::string> editions = cli::ListField(info.editions);
   for (const std::string &e : editions) {
     if (gOpt.edition.empty() ? editions.size() == 1
                              : strcasecmp(e.c_str(), gOpt.edition.c_str()) == 0 ||
@@ -262,7 +247,7 @@ int RunWindows(const GuessInfo &info, const Secret &password) {
   const std::string data = cli::WindowsDataDir(gOpt.templateDir);
   const std::string winnt = data + "/winnt.sif", xml = data + "/autounattend.xml",
                     storePwd = data + "/storePwd.ini";
-  const std::string language = gOpt.language.empty() ? info.language : gOpt.language;
+  const std::string language = gOpt.language.empty() ? cli::Field(info.language) : gOpt.language;
   if (!autoinstall::PrepareWindowsAnswerFiles(
           winnt.c_str(), xml.c_str(), storePwd.c_str(), gOpt.fullName.c_str(),
           password.text.c_str(), info.osKey, info.version, gOpt.outDir.c_str(), language.c_str(),

@@ -32,26 +32,6 @@ const char *ResultName(GuessResult result) {
   }
 }
 
-template <size_t N>
-std::string Field(const char (&field)[N]) {
-  return std::string(field, strnlen(field, N));
-}
-
-// A "?"-terminated list field as its entries.
-template <size_t N>
-std::vector<std::string> ListField(const char (&field)[N]) {
-  std::vector<std::string> items;
-  std::string text = Field(field);
-  size_t start = 0;
-  for (size_t q; (q = text.find('?', start)) != std::string::npos; start = q + 1) {
-    items.push_back(text.substr(start, q - start));
-  }
-  if (start < text.size()) {
-    items.push_back(text.substr(start));
-  }
-  return items;
-}
-
 // Why an image could not be opened, for the one-line reason on stderr.
 std::string OpenFailure(const std::string &path) {
   struct stat st;
@@ -74,11 +54,11 @@ nlohmann::ordered_json Record(const std::string &path, GuessResult result, const
   j["version"] = info.version;
   const char *versionName = Guess_GetSubString(info.version);
   j["versionName"] = versionName != nullptr ? versionName : "";
-  j["versionText"] = Field(info.versionText);
-  j["language"] = Field(info.language);
-  j["languageShort"] = Field(info.languageShort);
-  j["languages"] = ListField(info.languages);
-  std::vector<std::string> editions = ListField(info.editions);
+  j["versionText"] = cli::Field(info.versionText);
+  j["language"] = cli::Field(info.language);
+  j["languageShort"] = cli::Field(info.languageShort);
+  j["languages"] = cli::ListField(info.languages);
+  std::vector<std::string> editions = cli::ListField(info.editions);
   j["editions"] = editions;
   // Each edition's display name, localised as the UI would show it.
   nlohmann::json names = nlohmann::json::array();
@@ -88,7 +68,7 @@ nlohmann::ordered_json Record(const std::string &path, GuessResult result, const
     free(pretty);
   }
   j["editionNames"] = names;
-  j["displayName"] = Field(info.displayName);
+  j["displayName"] = cli::Field(info.displayName);
   j["noIsolinuxCfg"] = info.noIsolinuxCfg;
   return j;
 }
