@@ -5,6 +5,7 @@
 #include <guestprep/iniutil.h>
 #include <guestprep/tavsign.h>
 #include <guestprep/toolsiso.h>
+#include <guestprep/toolsversion.h>
 #include <openssl/pkcs7.h>
 #include <openssl/x509_vfy.h>
 
