@@ -296,10 +296,7 @@ struct FileBuffer {
   size_t size = 0;
 };
 
-struct DictionaryDeleter {
-  void operator()(Dictionary *dict) const { Dictionary_Free(dict); }
-};
-using DictionaryPtr = std::unique_ptr<Dictionary, DictionaryDeleter>;
+using DictionaryPtr = gp::UniqueDictionary;
 
 std::string MapPath(const char *toolsDir) {
   return gp::UniqueText(Str_SafeAsprintf(nullptr, "%s/isoimages/%s", toolsDir, kMapName)).get();

@@ -5,13 +5,6 @@ extern "C" ToolsStatus ToolsVersion_GetStatus(const char *, Dictionary *, const 
                                               const char *, uint32_t, int32_t) {
   return TOOLS_STATUS_UNKNOWN;
 }
-char *ToolsVersionGetExtConfigPath(const char *, Dictionary *) {
-  return nullptr;
-}
-bool ToolsVersionReadExtConfig(const char *, char **, size_t *) {
-  return false;
-}
-void ToolsVersionCheckXmlLibrary() {}
 const char *ToolsVersionStatusName(ToolsStatus) {
   return "TOOLS_STATUS_?";
 }

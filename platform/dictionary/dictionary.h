@@ -39,6 +39,7 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 #include "platform/msg/msg.h"
 
@@ -130,5 +131,13 @@ bool Dict_SetString(Dictionary *dict, const char *value, const char *nameFmt, ..
 /* Stores "TRUE" or "FALSE". */
 bool Dict_SetBool(Dictionary *dict, bool value, const char *nameFmt, ...)
     __attribute__((format(printf, 3, 4)));
+
+namespace gp {
+/* A dictionary freed when it goes out of scope. */
+struct DictionaryDeleter {
+  void operator()(Dictionary *dict) const { Dictionary_Free(dict); }
+};
+using UniqueDictionary = std::unique_ptr<Dictionary, DictionaryDeleter>;
+}  // namespace gp
 
 #endif
