@@ -30,6 +30,9 @@ extern const Command kAnswerCommand;
 extern const Command kFloppyCommand;
 extern const Command kRemasterCommand;
 extern const Command kToolsCommand;
+// Members of the tools group that live in files of their own.
+extern const Command kToolsStatusCommand;
+extern const Command kToolsSaveCommand;
 
 // Text for a terminal or a line-oriented reader: a backslash becomes "\\",
 // a line feed, tab or carriage return "\n", "\t", "\r", each byte of any other

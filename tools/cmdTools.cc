@@ -6,6 +6,7 @@
 // tools hashdata IMAGE: the image's hash-data file (a header, one SHA-256
 // hash per block, a detached PEM PKCS#7 signature embedded at its end or
 // in a file of its own), exactly as the library's loader reads it.
+// tools status, tools save: in cmdToolsVersion.cc.
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/pkcs7.h>
@@ -593,16 +594,17 @@ const cli::Command kVerifyCommand{AddVerify, RunVerify};
 // Subcommands of "tools", in the order --help lists them; each add
 // registers on the group's app.
 const cli::Command kToolsSubcommands[] = {
-    kHashDataCommand,
-    kImageCommand,
-    kVerifyCommand,
+    kHashDataCommand,         kImageCommand,          kVerifyCommand,
+    cli::kToolsStatusCommand, cli::kToolsSaveCommand,
 };
 
 std::vector<std::pair<CLI::App *, int (*)()>> gToolsParsed;
 
 CLI::App *Add(CLI::App &app) {
   CLI::App *tools = app.add_subcommand(
-      "tools", "Guest tools images: where a guest's image is, its signed hash data and checks.");
+      "tools",
+      "Guest tools images: where a guest's image is, its signed hash data and checks; "
+      "a virtual machine's tools status.");
   tools->require_subcommand(1);
   for (const cli::Command &command : kToolsSubcommands) {
     gToolsParsed.emplace_back(command.add(*tools), command.run);

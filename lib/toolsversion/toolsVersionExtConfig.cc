@@ -1,5 +1,6 @@
 // The extended configuration file: where it is, reading it whole, and the
-// XML library check that its reader and its writer share.
+// process-wide pieces its reader and its writer share (the XML library
+// check, the forced debug switches).
 #include <libxml/xmlversion.h>
 
 #include <atomic>
@@ -15,6 +16,7 @@ namespace {
 
 // Set by the first caller, which alone runs the check.
 std::atomic<bool> gXmlChecked{false};
+std::atomic<bool> gDebugLogsForced{false};
 
 }  // namespace
 
@@ -68,4 +70,12 @@ void ToolsVersionCheckXmlLibrary() {
     // against: its structures would not be the ones this code reads.
     LIBXML_TEST_VERSION
   }
+}
+
+void ToolsVersionForceDebugLogs(bool on) {
+  gDebugLogsForced.store(on, std::memory_order_relaxed);
+}
+
+bool ToolsVersionDebugLogsForced() {
+  return gDebugLogsForced.load(std::memory_order_relaxed);
 }

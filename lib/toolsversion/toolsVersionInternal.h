@@ -132,6 +132,12 @@ bool ToolsVersionReadExtConfig(const char *path, char **buffer, size_t *size);
 // status reader and the writer); later calls return at once.
 void ToolsVersionCheckXmlLibrary();
 
+// Turns the components.log and result.log switches on for every later
+// computation in the process, whatever the manifests say (the CLI's
+// --verbose). Off by default.
+void ToolsVersionForceDebugLogs(bool on);
+bool ToolsVersionDebugLogsForced();
+
 // "TOOLS_STATUS_CURRENT"... for a status value; "TOOLS_STATUS_?" for others.
 const char *ToolsVersionStatusName(ToolsStatus status);
 
