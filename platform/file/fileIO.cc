@@ -112,6 +112,38 @@ void ResetWriter(FileIOAtomicWriter *w) {
   w->finalPath = nullptr;
   w->mode = 0;
   w->replace = true;
+  w->unnamed = false;
+}
+
+std::string TempPrefix(const std::string &dir, const std::string &base) {
+  return (dir == "/" ? std::string("/") : dir + "/") + "." + base.substr(0, kTempBaseMax) + ".~";
+}
+
+// Gives the unnamed temporary file of w a free name below the prefix of
+// its destination. 0 or an errno value.
+int NameTempFile(FileIOAtomicWriter *w) {
+  std::string dir, base;
+  if (!SplitForTemp(w->finalPath, &dir, &base)) {
+    return EINVAL;
+  }
+  const std::string prefix = TempPrefix(dir, base);
+  const std::string self = "/proc/self/fd/" + std::to_string(w->fd.posix);
+  for (int attempt = 0; attempt < kAtomicTempAttempts; ++attempt) {
+    if (attempt > 0) {
+      std::string temp = prefix + RandomSuffix();
+      free(w->tempPath);
+      w->tempPath = UtilSafeStrdup0(temp.c_str());
+    }
+    if (linkat(AT_FDCWD, self.c_str(), AT_FDCWD, w->tempPath, AT_SYMLINK_FOLLOW) == 0 ||
+        (errno == ENOENT && linkat(w->fd.posix, "", AT_FDCWD, w->tempPath, AT_EMPTY_PATH) == 0)) {
+      w->unnamed = false;
+      return 0;
+    }
+    if (errno != EEXIST) {
+      return errno;
+    }
+  }
+  return EEXIST;
 }
 
 void FsyncDirectoryOf(const char *finalPath) {
@@ -419,10 +451,18 @@ FileIOResult FileIO_AtomicBegin(FileIOAtomicWriter *w, const char *path, uint32_
   uint32_t createMode =
       keepOld ? 0600u : (mode == kFileIOKeepMode ? kFileIOCreateMode : mode & 0777u);
 
-  std::string prefix =
-      (dir == "/" ? std::string("/") : dir + "/") + "." + base.substr(0, kTempBaseMax) + ".~";
+  const std::string prefix = TempPrefix(dir, base);
   FileIOResult result = FILEIO_OPEN_ERROR_EXIST;
-  std::string temp;
+  std::string temp = prefix + RandomSuffix();
+  // Unnamed first; file systems without O_TMPFILE take the named file.
+  int fd = open(dir.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, createMode);
+  if (fd >= 0) {
+    w->fd.posix = fd;
+    w->fd.fileName = UtilSafeStrdup0(temp.c_str());
+    w->fd.flags = FILEIO_OPEN_ACCESS_WRITE;
+    w->unnamed = true;
+    result = FILEIO_SUCCESS;
+  }
   for (int attempt = 0; attempt < kAtomicTempAttempts && result == FILEIO_OPEN_ERROR_EXIST;
        ++attempt) {
     temp = prefix + RandomSuffix();
@@ -438,7 +478,10 @@ FileIOResult FileIO_AtomicBegin(FileIOAtomicWriter *w, const char *path, uint32_
     if (fchmod(w->fd.posix, old.st_mode & 0777) != 0) {
       result = FileIO_ResultFromErrno(errno);
       FileIO_Close(&w->fd);
-      unlink(temp.c_str());
+      if (!w->unnamed) {
+        unlink(temp.c_str());
+      }
+      w->unnamed = false;
       return result;
     }
   }
@@ -455,6 +498,9 @@ FileIOResult FileIO_AtomicCommit(FileIOAtomicWriter *w) {
     return FILEIO_INVALID_ARGUMENT;
   }
   FileIOResult result = FileIO_Sync(&w->fd);
+  if (result == FILEIO_SUCCESS && w->unnamed) {
+    result = FileIO_ResultFromErrno(NameTempFile(w));
+  }
   FileIOResult closed = FileIO_Close(&w->fd);
   if (result == FILEIO_SUCCESS) {
     result = closed;
@@ -484,7 +530,7 @@ void FileIO_AtomicAbort(FileIOAtomicWriter *w) {
   if (FileIO_IsValid(&w->fd)) {
     FileIO_Close(&w->fd);
   }
-  if (w->tempPath != nullptr) {
+  if (w->tempPath != nullptr && !w->unnamed) {
     unlink(w->tempPath);
   }
   free(w->tempPath);

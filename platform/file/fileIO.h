@@ -130,7 +130,10 @@ FileIOResult FileIO_ResultFromErrno(int error);
  * Atomic replacement. The new contents go to a temporary file created
  * exclusively beside the destination (same file system, so the rename is
  * atomic), named ".<base>.~<random>" so no reader takes it for the
- * destination, and already carrying the final permission bits. Commit
+ * destination, and already carrying the final permission bits. Where the
+ * file system allows, the file is created without a name and linked under
+ * that name only once complete, right before the rename: a process killed
+ * while writing leaves no temporary file behind. Commit
  * syncs it, renames it over the destination and syncs the directory:
  * after a crash the destination holds either the whole old or the whole
  * new contents. Abort (or any failure) removes the temporary file and
@@ -149,6 +152,9 @@ struct FileIOAtomicWriter {
   char *finalPath;
   uint32_t mode;  // permission bits of the final file
   bool replace;   // false: commit fails with FILEIO_OPEN_ERROR_EXIST if the destination exists
+  // The temporary file has no name yet (O_TMPFILE): it gets tempPath only
+  // at Commit, so a process killed while writing leaves nothing behind.
+  bool unnamed;
 };
 
 /* Starts a replacement of path. On success write through w->fd, then call

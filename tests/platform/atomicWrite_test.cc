@@ -84,6 +84,26 @@ TEST(AtomicWrite, KilledBeforeTheRenameLeavesTheOldFileWhole) {
   EXPECT_EQ("640\n", RunCommand({"stat", "-c", "%a", path}).output);
 }
 
+// Killed while writing: the temporary file has no name yet, so nothing is
+// left beside the destination (file systems with O_TMPFILE, as /tmp is).
+TEST(AtomicWrite, KilledWhileWritingLeavesNothing) {
+  TempDir dir;
+  std::string path = (dir / "extended.xml").string();
+  WriteFile(path, "old\n");
+  int status = InChild([&] {
+    FileIOAtomicWriter w;
+    if (FileIO_AtomicBegin(&w, path.c_str(), kFileIOKeepMode, true) != FILEIO_SUCCESS ||
+        FileIO_Write(&w.fd, "new", 3, nullptr) != FILEIO_SUCCESS) {
+      return 1;
+    }
+    kill(getpid(), SIGKILL);
+    return 2;
+  });
+  ASSERT_TRUE(WIFSIGNALED(status)) << status;
+  EXPECT_EQ("old\n", ReadFile(path));
+  EXPECT_EQ(std::vector<std::string>{"extended.xml"}, Names(dir.path()));
+}
+
 TEST(AtomicWrite, WriteFailureLeavesOldFileAndNoTemporary) {
   TempDir dir;
   std::string path = (dir / "ks.cfg").string();
