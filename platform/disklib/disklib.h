@@ -28,10 +28,11 @@
 typedef uint32_t DiskLibError;
 enum : DiskLibError {
   DISKLIB_OK = 0,
-  DISKLIB_ERR_INVALID_ARG = 1,    /* null path or handle, unknown flags */
+  DISKLIB_ERR_INVALID_ARG = 1,    /* null or empty path, null handle, unknown flags */
   DISKLIB_ERR_NOT_FOUND = 2,      /* no such file */
   DISKLIB_ERR_IO = 3,             /* the file could not be read */
-  DISKLIB_ERR_NOT_DESCRIPTOR = 4, /* no signature line, too big, or a NUL byte */
+  DISKLIB_ERR_NOT_DESCRIPTOR = 4, /* not a regular file, no signature line, too
+                                     big, or a NUL byte */
   DISKLIB_ERR_BAD_DATABASE = 5,   /* a malformed database line */
   DISKLIB_ERR_NO_ENTRY = 6,       /* DiskLib_DBGet: no such database entry */
   DISKLIB_ERR_READ_ONLY = 7,      /* an open without DISKLIB_OPEN_READ_ONLY */
@@ -47,7 +48,9 @@ enum : uint32_t {
 
 struct DiskHandle;
 
-/* Opens the descriptor at path and reads its database. */
+/* Opens the descriptor at path and reads its database; *handle is null
+ * unless the answer is DISKLIB_OK. Logs nothing and posts no message: the
+ * caller decides what an unreadable disk means. */
 DiskLibError DiskLib_Open(const char *path, uint32_t flags, DiskHandle **handle);
 
 /* A new copy of the database entry name (matched ignoring ASCII case) in
