@@ -4,15 +4,16 @@
  * A virtual machine's configuration (the host's dictionary format) names a
  * disk with entries for one device, DEVICE being a bus name ("ide", "scsi",
  * "sata" or "nvme"), a controller number, ":" and a unit number (each 0 to
- * 99), as in "scsi0:1":
+ * 99, without leading zeros), as in "scsi0:1"; names match ignoring case:
  *   DEVICE.present    = "TRUE"        the device is connected (default: no)
  *   DEVICE.fileName   = "disk.brdk"   its disk descriptor (see disklib.h),
  *                                     relative to the configuration's directory
  *   DEVICE.deviceType = "disk"        optional; any other type (a CD-ROM
  *                                     image, a raw device) is not a disk
- * The current disks are those of every present disk device, in the
- * configuration's order, each path once. Whether the descriptor exists is
- * not checked here: the disk library tells when it opens it.
+ * The current disks are those of every present disk device, in the order
+ * of their ".present" entries in the configuration, each path once. Whether
+ * the descriptor exists is not checked here: the disk library tells when it
+ * opens it.
  */
 #ifndef GUESTPREP_PLATFORM_SNAPSHOT_H
 #define GUESTPREP_PLATFORM_SNAPSHOT_H
