@@ -58,8 +58,9 @@ enum {
  * is configPath. configDict is that file loaded (NULL: the file is loaded
  * here; an unreadable one counts as an empty configuration). The guest
  * manifest comes from guestManifestPath (a dictionary file), else from
- * guestManifestText (dictionary text; "" means none), else from the
- * extended configuration file (see ToolsVersion_SaveXmlInfo). Where the
+ * guestManifestText (dictionary text; "" is a guest that reported no
+ * manifest: the manifests give no answer), else, when both are NULL, from
+ * the extended configuration file (see ToolsVersion_SaveXmlInfo). Where the
  * manifests give no answer, the packed toolsVersion and the guest family's
  * supported range decide. installType: -1, 0, 1 and 2 are assessed (2 not
  * for the maker's bare-metal hypervisor), anything else is unmanaged.
