@@ -183,7 +183,9 @@ bool AddAvrManifest(const char *avrManifestPath, HashTable *table, ToolsVersionD
     return false;
   }
 
-  gp::UniqueDictionary dict(Dictionary_Create());
+  // Repeated entries are kept so that the first stands and the repeat is
+  // logged, as in the host manifest.
+  gp::UniqueDictionary dict(Dictionary_CreateEx(DICTIONARY_KEEP_REPEATS));
   MsgList *rawMessages = nullptr;
   const bool loaded =
       Dictionary_LoadFromBufferEx(dict.get(), manifest.get(), manifestSize, &rawMessages);
@@ -474,7 +476,8 @@ bool ToolsVersionBuildTable(const char *hostManifestPath, const char *avrManifes
   ToolsVersionDebug debug;
   UniqueTable table(ToolsVersionNewTable());
 
-  gp::UniqueDictionary hostDict(Dictionary_Create());
+  // Every line is an entry: a repeated one is logged and the first stands.
+  gp::UniqueDictionary hostDict(Dictionary_CreateEx(DICTIONARY_KEEP_REPEATS));
   MsgList *rawMessages = nullptr;
   const bool loaded = Dictionary_LoadEx(hostDict.get(), hostManifestPath, &rawMessages);
   UniqueMsgList messages(rawMessages);

@@ -235,7 +235,7 @@ ToolsStatus Assess(const char *configPath, Dictionary *configDict, const char *g
   ToolsStatus status = TOOLS_STATUS_UNKNOWN;
   gp::UniqueDictionary guestManifest;
   if (guestManifestPath != nullptr) {
-    gp::UniqueDictionary dict(Dictionary_Create());
+    gp::UniqueDictionary dict(Dictionary_CreateEx(DICTIONARY_KEEP_REPEATS));
     MsgList *rawMessages = nullptr;
     const bool loaded = Dictionary_LoadEx(dict.get(), guestManifestPath, &rawMessages);
     UniqueMsgList messages(rawMessages);
@@ -248,7 +248,7 @@ ToolsStatus Assess(const char *configPath, Dictionary *configDict, const char *g
     }
   } else if (guestManifestText != nullptr) {
     if (guestManifestText[0] != '\0') {
-      gp::UniqueDictionary dict(Dictionary_Create());
+      gp::UniqueDictionary dict(Dictionary_CreateEx(DICTIONARY_KEEP_REPEATS));
       if (!Dictionary_LoadFromBuffer(dict.get(), guestManifestText, strlen(guestManifestText))) {
         UniqueMsgList messages(Msg_GetMessagesAndReset());
         gp::UniqueText why(MsgList_ToEnglishString(messages.get()));

@@ -118,7 +118,21 @@ size_t WrittenLineLength(std::string_view name, std::string_view value) {
 struct Dictionary {
   std::vector<std::unique_ptr<Entry>>
       entries;  // file order; unique_ptr keeps Get's pointers stable
-  std::unordered_map<std::string, size_t> index;  // lower-cased name -> position
+  std::unordered_map<std::string, size_t> index;  // lower-cased name -> first position
+  bool keepRepeats = false;                       // loads append a repeated name as another entry
+
+  // A loaded entry: a further entry for a repeated name when repeats are
+  // kept, else the name's value replaced.
+  void Add(std::string_view name, std::string_view value) {
+    if (!keepRepeats || Find(name) == nullptr) {
+      Set(name, value);
+      return;
+    }
+    auto e = std::make_unique<Entry>();
+    e->name.assign(name);
+    e->value.assign(value);
+    entries.push_back(std::move(e));
+  }
 
   Entry *Find(std::string_view name) const {
     auto it = index.find(Lower(name));
@@ -238,6 +252,7 @@ bool LoadText(Dictionary *dict, std::string_view text, const std::string &source
     text.remove_prefix(kUtf8Bom.size());
   }
   Dictionary scratch;
+  scratch.keepRepeats = dict->keepRepeats;
   unsigned lineNo = 0;
   while (!text.empty()) {
     ++lineNo;
@@ -255,7 +270,7 @@ bool LoadText(Dictionary *dict, std::string_view text, const std::string &source
     if (!parsed.isEntry) {
       continue;
     }
-    scratch.Set(parsed.name, parsed.value);
+    scratch.Add(parsed.name, parsed.value);
     if (scratch.entries.size() > static_cast<size_t>(DICTIONARY_MAX_ENTRIES)) {
       Report(messages, kMsgTooManyEntries, source.c_str(), lineNo, DICTIONARY_MAX_ENTRIES);
       return false;
@@ -266,7 +281,7 @@ bool LoadText(Dictionary *dict, std::string_view text, const std::string &source
     return false;
   }
   for (const auto &e : scratch.entries) {
-    dict->Set(e->name, e->value);
+    dict->Add(e->name, e->value);
   }
   return true;
 }
@@ -395,6 +410,12 @@ int BoolWord(const char *text) {
 
 Dictionary *Dictionary_Create(void) {
   return new Dictionary;
+}
+
+Dictionary *Dictionary_CreateEx(uint32_t flags) {
+  Dictionary *dict = new Dictionary;
+  dict->keepRepeats = (flags & DICTIONARY_KEEP_REPEATS) != 0;
+  return dict;
 }
 
 void Dictionary_Free(Dictionary *dict) {

@@ -59,6 +59,16 @@ enum DictionaryType {
 
 /* An empty dictionary; never null. Released with Dictionary_Free. */
 Dictionary *Dictionary_Create(void);
+
+/* Dictionary_CreateEx flags. */
+enum : uint32_t {
+  /* Loading keeps every line: a repeated name becomes a further entry, after
+   * the others in the iteration order, instead of replacing the value.
+   * Lookups see the first entry of a name; Dict_Set* still replace it. For
+   * files whose readers judge a repeated entry themselves (manifests). */
+  DICTIONARY_KEEP_REPEATS = 0x1,
+};
+Dictionary *Dictionary_CreateEx(uint32_t flags);
 /* Null is allowed. */
 void Dictionary_Free(Dictionary *dict);
 

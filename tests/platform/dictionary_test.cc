@@ -224,6 +224,25 @@ TEST(Dictionary, IterateCountsOnlyEntriesThatContinue) {
   EXPECT_EQ(3, Dictionary_NumberOfEntries(d));
 }
 
+// Manifests keep every line: the reader sees a repeated name again, in
+// file order, while a lookup still finds the first.
+TEST(Dictionary, KeepRepeatsVisitsEveryLine) {
+  gp::UniqueDictionary d(Dictionary_CreateEx(DICTIONARY_KEEP_REPEATS));
+  const char text[] = "a=1\nB=2\nA=3\nb=4\n";
+  ASSERT_TRUE(Dictionary_LoadFromBuffer(d.get(), text, sizeof text - 1));
+  ASSERT_TRUE(Dictionary_LoadFromBuffer(d.get(), "a=5\n", 4));
+  std::string seen;
+  Dictionary_Iterate(
+      d.get(),
+      [](const char *name, const char *value, void *ctx) {
+        *static_cast<std::string *>(ctx) += std::string(name) + "=" + value + " ";
+        return true;
+      },
+      &seen);
+  EXPECT_EQ("a=1 B=2 A=3 b=4 a=5 ", seen);
+  EXPECT_STREQ("1", static_cast<const char *>(Dictionary_Get(d.get(), "", DICT_STRING, "A")));
+}
+
 TEST(Dictionary, WriteRoundTripsEveryByteAndReplacesAtomically) {
   TempDir tmp;
   std::filesystem::path path = tmp / "vm.brx";
