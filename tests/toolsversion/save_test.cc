@@ -172,8 +172,7 @@ TEST_P(ToolsSaveCase, StoresAndLogs) {
   chmod(scratch.path().c_str(), 0755);
 
   if (args.count("config") == 0 || args.at("config") != "none") {
-    fs::copy_file(fs::exists(source / "vm.brx") ? source / "vm.brx"
-                                                : SaveCasesDir() / "vm.brx",
+    fs::copy_file(fs::exists(source / "vm.brx") ? source / "vm.brx" : SaveCasesDir() / "vm.brx",
                   dir / "vm.brx");
   }
   const fs::path ext = dir / "ext.xml";
