@@ -10,13 +10,13 @@ namespace fs = std::filesystem;
 
 namespace testing_support {
 
-ToolsLibrary::ToolsLibrary(const fs::path &root, const ToolsLibrarySpec &spec)
+ToolsLibrary::ToolsLibrary(const fs::path &root, const ToolsLibraryContents &contents)
     : libdir_(root / "lib") {
-  Build(root, spec);
+  Build(root, contents);
   ok_ = !::testing::Test::HasFatalFailure();
 }
 
-void ToolsLibrary::Build(const fs::path &root, const ToolsLibrarySpec &spec) {
+void ToolsLibrary::Build(const fs::path &root, const ToolsLibraryContents &contents) {
   // The process keeps the first tools directory it was given; each library
   // starts afresh.
   gp::ResetToolsIsoStateForTest();
@@ -25,14 +25,14 @@ void ToolsLibrary::Build(const fs::path &root, const ToolsLibrarySpec &spec) {
   fs::create_directories(images);
   fs::create_directories(tree / "vmtools");
   WriteFile(tree / "vmtools" / "setup.sh", "#!/bin/sh\nexit 0\n");
-  if (spec.hostManifest) {
-    WriteFile(tree / "manifest.txt", *spec.hostManifest);
+  if (contents.hostManifest) {
+    WriteFile(tree / "manifest.txt", *contents.hostManifest);
   }
   CommandResult r = RunMasteringTool({"xorriso", "-as", "mkisofs", "-R", "-J", "-V", "TOOLS", "-o",
                                       image().string(), tree.string()});
   ASSERT_EQ(0, r.exitCode) << r.output;
 
-  if (spec.hashData != "none") {
+  if (contents.hashData != "none") {
     const fs::path &pki = TestPki();
     const fs::path cert = root / "maker-leaf-with-chain.pem";
     WriteFile(cert, ReadFile(pki / "maker-leaf.pem") + ReadFile(pki / "maker-leaf.chain"));
@@ -40,7 +40,7 @@ void ToolsLibrary::Build(const fs::path &root, const ToolsLibrarySpec &spec) {
                     (pki / "maker-leaf.key").string(), "--cert", cert.string(), "--embed"},
                    300);
     ASSERT_EQ(0, r.exitCode) << r.output;
-    if (spec.hashData == "tampered") {
+    if (contents.hashData == "tampered") {
       std::string bytes = ReadFile(image());
       // Inside the volume descriptors, which every open reads.
       bytes[16 * 2048 + 40] ^= 0x20;
@@ -48,17 +48,17 @@ void ToolsLibrary::Build(const fs::path &root, const ToolsLibrarySpec &spec) {
     }
   }
 
-  if (spec.avrManifest) {
-    WriteFile(avrManifest(), *spec.avrManifest);
+  if (contents.avrManifest) {
+    WriteFile(avrManifest(), *contents.avrManifest);
     const fs::path sig = avrManifest().string() + ".sig";
-    if (spec.avrSignature == "maker") {
-      WriteFile(sig, OpensslSign("maker-leaf", "smime -binary", *spec.avrManifest));
-    } else if (spec.avrSignature == "partner") {
-      WriteFile(sig, OpensslSign("partner-leaf", "smime -binary", *spec.avrManifest));
-    } else if (spec.avrSignature == "garbage") {
+    if (contents.avrSignature == "maker") {
+      WriteFile(sig, OpensslSign("maker-leaf", "smime -binary", *contents.avrManifest));
+    } else if (contents.avrSignature == "partner") {
+      WriteFile(sig, OpensslSign("partner-leaf", "smime -binary", *contents.avrManifest));
+    } else if (contents.avrSignature == "garbage") {
       WriteFile(sig, "not a signature\n");
     } else {
-      EXPECT_EQ("none", spec.avrSignature);
+      EXPECT_EQ("none", contents.avrSignature);
     }
   }
 }

@@ -15,7 +15,7 @@
 
 namespace testing_support {
 
-struct ToolsLibrarySpec {
+struct ToolsLibraryContents {
   // manifest.txt in the image; none: the image has no such file.
   std::optional<std::string> hostManifest;
   // linux_avr_manifest.txt beside the image; none: no AVR manifest.
@@ -32,7 +32,7 @@ class ToolsLibrary {
  public:
   // Builds the library below root (which must exist). A failing tool fails
   // the test; ok() then says false.
-  ToolsLibrary(const std::filesystem::path &root, const ToolsLibrarySpec &spec);
+  ToolsLibrary(const std::filesystem::path &root, const ToolsLibraryContents &contents);
 
   bool ok() const { return ok_; }
   // The host library directory (a configuration's "libdir").
@@ -44,7 +44,7 @@ class ToolsLibrary {
   }
 
  private:
-  void Build(const std::filesystem::path &root, const ToolsLibrarySpec &spec);
+  void Build(const std::filesystem::path &root, const ToolsLibraryContents &contents);
 
   std::filesystem::path libdir_;
   bool ok_ = false;

@@ -7,7 +7,7 @@
 //   source ("file": guest-manifest.txt; "text": the text value, backslash
 //   escaped; "extconfig": neither), config ("null", the default, or
 //   "loaded": the test loads vm.brx and passes it), avrSignature (see
-//   ToolsLibrarySpec). "#" lines are comments.
+//   ToolsLibraryContents). "#" lines are comments.
 // - vm.brx and any other files of the machine (disk descriptors, the
 //   extended configuration file, the guest manifest), copied to a scratch
 //   directory with @DIR@ standing for it and @LIBDIR@ for the host library.
@@ -119,14 +119,14 @@ TEST_P(ToolsStatusCase, AnswersAndLogs) {
   if (fs::exists(source / "host-manifest.txt")) {
     SKIP_WITHOUT_CERT_DIR();
     lease.emplace("std");
-    testing_support::ToolsLibrarySpec spec;
-    spec.hostManifest = ReadFile(source / "host-manifest.txt");
+    testing_support::ToolsLibraryContents contents;
+    contents.hostManifest = ReadFile(source / "host-manifest.txt");
     if (fs::exists(source / "avr-manifest.txt")) {
-      spec.avrManifest = ReadFile(source / "avr-manifest.txt");
+      contents.avrManifest = ReadFile(source / "avr-manifest.txt");
     }
-    spec.avrSignature = Arg(args, "avrSignature", "maker");
+    contents.avrSignature = Arg(args, "avrSignature", "maker");
     fs::create_directories(dir / "fixture");
-    library.emplace(dir / "fixture", spec);
+    library.emplace(dir / "fixture", contents);
     ASSERT_TRUE(library->ok());
   } else {
     gp::ResetToolsIsoStateForTest();

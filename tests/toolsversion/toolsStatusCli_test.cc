@@ -33,10 +33,10 @@ class ToolsStatusCli : public ::testing::Test {
       GTEST_SKIP() << "the library reads the system's certificate directory";
     }
     lease_ = std::make_unique<testing_support::CertDirLease>("std");
-    testing_support::ToolsLibrarySpec spec;
-    spec.hostManifest = ReadFile(Data("host-manifest.txt"));
-    spec.avrManifest = ReadFile(Data("avr-manifest.txt"));
-    library_ = std::make_unique<testing_support::ToolsLibrary>(dir_.path(), spec);
+    testing_support::ToolsLibraryContents contents;
+    contents.hostManifest = ReadFile(Data("host-manifest.txt"));
+    contents.avrManifest = ReadFile(Data("avr-manifest.txt"));
+    library_ = std::make_unique<testing_support::ToolsLibrary>(dir_.path(), contents);
     ASSERT_TRUE(library_->ok());
     fs::create_directories(vm_);
     fs::copy_file(Data("vm.brxf"), vm_ / "vm.brxf");

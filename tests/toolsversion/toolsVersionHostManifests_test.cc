@@ -37,7 +37,7 @@ using testing_support::Split;
 using testing_support::Take;
 using testing_support::TempDir;
 using testing_support::ToolsLibrary;
-using testing_support::ToolsLibrarySpec;
+using testing_support::ToolsLibraryContents;
 using testing_support::TsvRow;
 using testing_support::TsvRowNamer;
 
@@ -76,16 +76,16 @@ TEST_P(HostManifestsTest, StatusLogAndCleanup) {
   CertDirLease lease("std");
   TempDir tmp;
   const fs::path root = fs::canonical(tmp.path());
-  ToolsLibrarySpec spec;
+  ToolsLibraryContents contents;
   if (c[1] != "-") {
-    spec.hostManifest = ReadFile(LibraryFile(c[1]));
+    contents.hostManifest = ReadFile(LibraryFile(c[1]));
   }
   if (c[2] != "-") {
-    spec.avrManifest = ReadFile(LibraryFile(c[2]));
+    contents.avrManifest = ReadFile(LibraryFile(c[2]));
   }
-  spec.avrSignature = c[3];
-  spec.hashData = c[4];
-  ToolsLibrary library(root, spec);
+  contents.avrSignature = c[3];
+  contents.hashData = c[4];
+  ToolsLibrary library(root, contents);
   ASSERT_TRUE(library.ok());
 
   gp::UniqueDictionary config = Configuration(c[5], library.libdir());
@@ -156,10 +156,10 @@ TEST(HostManifestsConcurrency, TwoThreadsExtractToTheirOwnFiles) {
   SKIP_WITHOUT_CERT_DIR();
   CertDirLease lease("std");
   TempDir tmp;
-  ToolsLibrarySpec spec;
-  spec.hostManifest = ReadFile(LibraryFile("host.txt"));
-  spec.avrManifest = ReadFile(LibraryFile("avr.txt"));
-  ToolsLibrary library(fs::canonical(tmp.path()), spec);
+  ToolsLibraryContents contents;
+  contents.hostManifest = ReadFile(LibraryFile("host.txt"));
+  contents.avrManifest = ReadFile(LibraryFile("avr.txt"));
+  ToolsLibrary library(fs::canonical(tmp.path()), contents);
   ASSERT_TRUE(library.ok());
 
   constexpr int kRounds = 20;
