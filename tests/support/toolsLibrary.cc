@@ -23,8 +23,8 @@ void ToolsLibrary::Build(const fs::path &root, const ToolsLibraryContents &conte
   const fs::path images = libdir_ / "isoimages";
   const fs::path tree = root / "tools-tree";
   fs::create_directories(images);
-  fs::create_directories(tree / "vmtools");
-  WriteFile(tree / "vmtools" / "setup.sh", "#!/bin/sh\nexit 0\n");
+  fs::create_directories(tree / "guesttools");
+  WriteFile(tree / "guesttools" / "setup.sh", "#!/bin/sh\nexit 0\n");
   if (contents.hostManifest) {
     WriteFile(tree / "manifest.txt", *contents.hostManifest);
   }
