@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "lib/toolsversion/toolsVersionInternal.h"
+#include "lib/toolsversion/toolsVersionXml.h"
 #include "platform/file/fileIO.h"
 #include "platform/log/log.h"
 #include "platform/util/str.h"
@@ -78,4 +79,36 @@ void ToolsVersionForceDebugLogs(bool on) {
 
 bool ToolsVersionDebugLogsForced() {
   return gDebugLogsForced.load(std::memory_order_relaxed);
+}
+
+XmlDoc ToolsVersionParseExtConfig(const char *configPath, Dictionary *configDict,
+                                  gp::UniqueText *pathOut) {
+  gp::UniqueText path(ToolsVersionGetExtConfigPath(configPath, configDict));
+  if (path == nullptr) {
+    Log("Error getting extended config file path.\n");
+    return nullptr;
+  }
+  char *rawBuffer = nullptr;
+  size_t size = 0;
+  if (!ToolsVersionReadExtConfig(path.get(), &rawBuffer, &size)) {
+    Log("Failed to get xml buffer from extended config file.\n");
+    return nullptr;
+  }
+  gp::UniqueText buffer(rawBuffer);
+  ToolsVersionCheckXmlLibrary();
+  // The reader refuses files above 0x7FFFFFFF bytes, so the size fits.
+  XmlDoc doc(xmlReadMemory(buffer.get(), static_cast<int>(size), path.get(), nullptr,
+                           kToolsVersionXmlOptions));
+  if (doc == nullptr) {
+    Log("Error parsing xml from extended config file.\n");
+    return nullptr;
+  }
+  if (xmlDocGetRootElement(doc.get()) == nullptr) {
+    Log("Failed to find root in extended config xml.\n");
+    return nullptr;
+  }
+  if (pathOut != nullptr) {
+    *pathOut = std::move(path);
+  }
+  return doc;
 }

@@ -91,10 +91,7 @@ struct ComponentDeleter {
 };
 using UniqueComponent = std::unique_ptr<ToolsVersionComponent, ComponentDeleter>;
 
-struct MsgListDeleter {
-  void operator()(MsgList *list) const { MsgList_Free(list); }
-};
-using UniqueMsgList = std::unique_ptr<MsgList, MsgListDeleter>;
+using gp::UniqueMsgList;
 
 // The English text of load messages, for one log line.
 gp::UniqueText MessagesText(MsgList *messages) {

@@ -17,6 +17,7 @@
 #include <string>
 
 #include "lib/toolsversion/toolsVersionInternal.h"
+#include "lib/toolsversion/toolsVersionXml.h"
 #include "platform/dictionary/dictionary.h"
 #include "platform/file/fileIO.h"
 #include "platform/log/log.h"
@@ -25,30 +26,13 @@
 
 namespace {
 
-// Both documents come from outside the library (the virtual machine's file,
-// the guest's report): no network, no DTD, no entity substitution, nothing
-// printed. Blank text and comments are kept so that what this code does not
-// own is written back as it was.
-constexpr int kXmlReadOptions = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
-
 constexpr char kToolsManifest[] = "tools-manifest";
 constexpr char kUpdateAgentInfo[] = "update-agent-info";
 constexpr char kToolsInstallInfo[] = "tools-install-info";
 // The attributes of the report's second level that are kept.
 constexpr const char *kAgentAttributes[] = {"guestVersion", "repoVersion", "status"};
 
-struct XmlDocDeleter {
-  void operator()(xmlDoc *doc) const { xmlFreeDoc(doc); }
-};
-using XmlDoc = std::unique_ptr<xmlDoc, XmlDocDeleter>;
-struct XmlTextDeleter {
-  void operator()(xmlChar *text) const { xmlFree(text); }
-};
-using XmlText = std::unique_ptr<xmlChar, XmlTextDeleter>;
-struct MsgListDeleter {
-  void operator()(MsgList *list) const { MsgList_Free(list); }
-};
-using UniqueMsgList = std::unique_ptr<MsgList, MsgListDeleter>;
+using gp::UniqueMsgList;
 
 const xmlChar *X(const char *text) {
   return reinterpret_cast<const xmlChar *>(text);
@@ -227,32 +211,12 @@ bool SaveXmlInfo(const char *configPath, const char *updateAgentXml, const char 
     Log("Error getting extended config file path.\n");
     return false;
   }
-  gp::UniqueText path(ToolsVersionGetExtConfigPath(configPath, config.get()));
-  if (path == nullptr) {
-    Log("Error getting extended config file path.\n");
-    return false;
-  }
-
-  char *rawBuffer = nullptr;
-  size_t size = 0;
-  if (!ToolsVersionReadExtConfig(path.get(), &rawBuffer, &size)) {
-    Log("Failed to get xml buffer from extended config file.\n");
-    return false;
-  }
-  gp::UniqueText buffer(rawBuffer);
-  ToolsVersionCheckXmlLibrary();
-  // The reader refuses files above 0x7FFFFFFF bytes, so the size fits.
-  XmlDoc doc(
-      xmlReadMemory(buffer.get(), static_cast<int>(size), path.get(), nullptr, kXmlReadOptions));
+  gp::UniqueText path;
+  XmlDoc doc = ToolsVersionParseExtConfig(configPath, config.get(), &path);
   if (doc == nullptr) {
-    Log("Error parsing xml from extended config file.\n");
     return false;
   }
   xmlNode *root = xmlDocGetRootElement(doc.get());
-  if (root == nullptr) {
-    Log("Failed to find root in extended config xml.\n");
-    return false;
-  }
 
   xmlNode *toolsManifest = LastChildNamed(root, kToolsManifest);
   xmlNode *installInfo = LastChildNamed(root, kToolsInstallInfo);
@@ -274,7 +238,7 @@ bool SaveXmlInfo(const char *configPath, const char *updateAgentXml, const char 
     } else {
       const size_t length = strlen(updateAgentXml);
       XmlDoc report(length <= INT_MAX ? xmlReadMemory(updateAgentXml, static_cast<int>(length),
-                                                      nullptr, nullptr, kXmlReadOptions)
+                                                      nullptr, nullptr, kToolsVersionXmlOptions)
                                       : nullptr);
       if (report == nullptr) {
         Log("Error parsing xml from update agent.\n");
@@ -341,7 +305,7 @@ bool SaveXmlInfo(const char *configPath, const char *updateAgentXml, const char 
   // tag. What does not read back as XML is not written.
   XmlDoc check(dump != nullptr && dumpSize > 0
                    ? xmlReadMemory(reinterpret_cast<const char *>(dump.get()), dumpSize, nullptr,
-                                   nullptr, kXmlReadOptions)
+                                   nullptr, kToolsVersionXmlOptions)
                    : nullptr);
   if (check == nullptr) {
     Log("Error dumping xml doc to the output buffer.\n");

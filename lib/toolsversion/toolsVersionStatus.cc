@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "lib/toolsversion/toolsVersionInternal.h"
+#include "lib/toolsversion/toolsVersionXml.h"
 #include "platform/dictionary/dictionary.h"
 #include "platform/disklib/disklib.h"
 #include "platform/guestos/guestos.h"
@@ -32,23 +33,7 @@ constexpr uint32_t kDiskOpenFlags = 7;
 static_assert(kDiskOpenFlags ==
               (DISKLIB_OPEN_READ_ONLY | DISKLIB_OPEN_NO_LOCK | DISKLIB_OPEN_NO_PARENT));
 
-// The extended configuration file is the virtual machine's own but may be
-// damaged: no network, no DTD, no entity substitution, nothing printed.
-constexpr int kExtConfigXmlOptions = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
-
-struct XmlDocDeleter {
-  void operator()(xmlDoc *doc) const { xmlFreeDoc(doc); }
-};
-using XmlDoc = std::unique_ptr<xmlDoc, XmlDocDeleter>;
-struct XmlTextDeleter {
-  void operator()(xmlChar *text) const { xmlFree(text); }
-};
-using XmlText = std::unique_ptr<xmlChar, XmlTextDeleter>;
-
-struct MsgListDeleter {
-  void operator()(MsgList *list) const { MsgList_Free(list); }
-};
-using UniqueMsgList = std::unique_ptr<MsgList, MsgListDeleter>;
+using gp::UniqueMsgList;
 
 struct DiskListDeleter {
   void operator()(SnapshotStringList *list) const { Snapshot_DestroyStringList(list); }
@@ -174,31 +159,11 @@ void ManifestFromXml(const xmlNode *manifest, Dictionary *dict) {
 // guest manifest dictionary when one was built from it.
 ToolsStatus StatusFromExtConfig(const char *configPath, Dictionary *configDict,
                                 gp::UniqueDictionary *manifest) {
-  gp::UniqueText path(ToolsVersionGetExtConfigPath(configPath, configDict));
-  if (path == nullptr) {
-    Log("Error getting extended config file path.\n");
-    return TOOLS_STATUS_UNKNOWN;
-  }
-  char *rawBuffer = nullptr;
-  size_t size = 0;
-  if (!ToolsVersionReadExtConfig(path.get(), &rawBuffer, &size)) {
-    Log("Failed to get xml buffer from extended config file.\n");
-    return TOOLS_STATUS_UNKNOWN;
-  }
-  gp::UniqueText buffer(rawBuffer);
-  ToolsVersionCheckXmlLibrary();
-  // The reader refuses files above 0x7FFFFFFF bytes, so the size fits.
-  XmlDoc doc(xmlReadMemory(buffer.get(), static_cast<int>(size), path.get(), nullptr,
-                           kExtConfigXmlOptions));
+  XmlDoc doc = ToolsVersionParseExtConfig(configPath, configDict, nullptr);
   if (doc == nullptr) {
-    Log("Error parsing xml from extended config file.\n");
     return TOOLS_STATUS_UNKNOWN;
   }
   const xmlNode *root = xmlDocGetRootElement(doc.get());
-  if (root == nullptr) {
-    Log("Failed to find root in extended config xml.\n");
-    return TOOLS_STATUS_UNKNOWN;
-  }
   if (root->children == nullptr) {
     Log("Failed to find manifest content in extended config xml.\n");
     return TOOLS_STATUS_UNKNOWN;

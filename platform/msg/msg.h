@@ -21,6 +21,7 @@
 
 #include <cstdarg>
 #include <cstddef>
+#include <memory>
 
 #define MSG_MARKER "@&!*@*@("
 #define MSG_MAX_ID_LENGTH 256
@@ -93,5 +94,13 @@ char *MsgList_ToEnglishString(const MsgList *list);
 
 /* Logs each message's English text as one Log line. */
 void MsgList_Log(const MsgList *list);
+
+namespace gp {
+/* A message list freed when it goes out of scope. */
+struct MsgListDeleter {
+  void operator()(MsgList *list) const { MsgList_Free(list); }
+};
+using UniqueMsgList = std::unique_ptr<MsgList, MsgListDeleter>;
+}  // namespace gp
 
 #endif

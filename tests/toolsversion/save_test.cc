@@ -38,6 +38,7 @@
 
 #include "guestprep/toolsversion.h"
 #include "support/testSupport.h"
+#include "toolsversion/manifestFixtures.h"
 #include "toolsversion/saveFixtures.h"
 
 namespace fs = std::filesystem;
@@ -51,33 +52,6 @@ using save_fixtures::XmllintProblems;
 using testing_support::ReadFile;
 using testing_support::Replace;
 using testing_support::WriteFile;
-
-std::vector<std::string> CaseNames() {
-  std::vector<std::string> names;
-  for (const auto &entry : fs::directory_iterator(SaveCasesDir())) {
-    if (entry.is_directory()) {
-      names.push_back(entry.path().filename().string());
-    }
-  }
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
-std::map<std::string, std::string> ReadArgs(const fs::path &file) {
-  std::map<std::string, std::string> args;
-  for (const std::string &line : testing_support::Split(ReadFile(file), "\n")) {
-    if (line[0] == '#') {
-      continue;
-    }
-    const size_t colon = line.find(':');
-    std::string value = colon == std::string::npos ? "" : line.substr(colon + 1);
-    if (!value.empty() && value[0] == ' ') {
-      value.erase(0, 1);
-    }
-    args[line.substr(0, colon)] = value;
-  }
-  return args;
-}
 
 // An input text of the call: absent, a file of the case, or literal.
 std::optional<std::string> InputText(const std::map<std::string, std::string> &args,
@@ -164,7 +138,7 @@ class ToolsSaveCase : public ::testing::TestWithParam<std::string> {};
 
 TEST_P(ToolsSaveCase, StoresAndLogs) {
   const fs::path source = SaveCasesDir() / GetParam();
-  const auto args = ReadArgs(source / "args");
+  const auto args = manifest_fixtures::ReadArgs(source / "args");
   testing_support::TempDir scratch;
   const fs::path dir = scratch / "vm";
   fs::create_directory(dir);
@@ -230,7 +204,8 @@ TEST_P(ToolsSaveCase, StoresAndLogs) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Cases, ToolsSaveCase, ::testing::ValuesIn(CaseNames()),
+INSTANTIATE_TEST_SUITE_P(Cases, ToolsSaveCase,
+                         ::testing::ValuesIn(manifest_fixtures::CaseNames(SaveCasesDir())),
                          [](const ::testing::TestParamInfo<std::string> &info) {
                            std::string name = info.param;
                            std::replace_if(

@@ -36,6 +36,7 @@
 #include "support/signFixtures.h"
 #include "support/testSupport.h"
 #include "support/toolsLibrary.h"
+#include "toolsversion/manifestFixtures.h"
 
 namespace fs = std::filesystem;
 
@@ -46,31 +47,6 @@ using testing_support::Replace;
 
 fs::path CasesDir() {
   return testing_support::DataDir() / "toolsversion" / "status";
-}
-
-std::vector<std::string> CaseNames() {
-  std::vector<std::string> names;
-  for (const auto &entry : fs::directory_iterator(CasesDir())) {
-    names.push_back(entry.path().filename().string());
-  }
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
-std::map<std::string, std::string> ReadArgs(const fs::path &file) {
-  std::map<std::string, std::string> args;
-  for (const std::string &line : testing_support::Split(ReadFile(file), "\n")) {
-    if (line[0] == '#') {
-      continue;
-    }
-    const size_t colon = line.find(':');
-    std::string value = colon == std::string::npos ? "" : line.substr(colon + 1);
-    if (!value.empty() && value[0] == ' ') {
-      value.erase(0, 1);
-    }
-    args[line.substr(0, colon)] = value;
-  }
-  return args;
 }
 
 std::string Arg(const std::map<std::string, std::string> &args, const std::string &name,
@@ -108,7 +84,7 @@ class ToolsStatusCase : public ::testing::TestWithParam<std::string> {};
 
 TEST_P(ToolsStatusCase, AnswersAndLogs) {
   const fs::path source = CasesDir() / GetParam();
-  const auto args = ReadArgs(source / "args");
+  const auto args = manifest_fixtures::ReadArgs(source / "args");
   testing_support::TempDir dir;
   const std::string libdir = (dir / "fixture" / "lib").string();
 
@@ -193,7 +169,8 @@ TEST_P(ToolsStatusCase, AnswersAndLogs) {
   MsgList_Free(left);
 }
 
-INSTANTIATE_TEST_SUITE_P(Machines, ToolsStatusCase, ::testing::ValuesIn(CaseNames()),
+INSTANTIATE_TEST_SUITE_P(Machines, ToolsStatusCase,
+                         ::testing::ValuesIn(manifest_fixtures::CaseNames(CasesDir())),
                          [](const auto &info) {
                            std::string name = info.param;
                            std::replace_if(

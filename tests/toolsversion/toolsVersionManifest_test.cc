@@ -131,17 +131,6 @@ INSTANTIATE_TEST_SUITE_P(Table, ManifestEntryTest,
                          ::testing::ValuesIn(ReadTsv("toolsversion/entries.tsv", 6)),
                          TsvRowNamer());
 
-std::vector<std::string> ComputeCases() {
-  std::vector<std::string> names;
-  for (const auto &entry : fs::directory_iterator(DataDir() / "toolsversion" / "compute")) {
-    if (entry.is_directory()) {
-      names.push_back(entry.path().filename().string());
-    }
-  }
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
 // Places the case's AVR manifest at avrPath with its ".sig" as the case's
 // "avr.how" says (default "maker"): "maker" or "partner" (signed by that
 // leaf), "garbage" (not PEM), "none" (no ".sig"), "tampered" (signed, then
@@ -209,11 +198,13 @@ TEST_P(ComputeStatusTest, StatusAndLogLines) {
   EXPECT_EQ(CapturedLines(log), expected);
 }
 
-INSTANTIATE_TEST_SUITE_P(Cases, ComputeStatusTest, ::testing::ValuesIn(ComputeCases()),
-                         [](const auto &info) {
-                           std::string name = info.param;
-                           std::replace(name.begin(), name.end(), '-', '_');
-                           return name;
-                         });
+INSTANTIATE_TEST_SUITE_P(
+    Cases, ComputeStatusTest,
+    ::testing::ValuesIn(manifest_fixtures::CaseNames(DataDir() / "toolsversion" / "compute")),
+    [](const auto &info) {
+      std::string name = info.param;
+      std::replace(name.begin(), name.end(), '-', '_');
+      return name;
+    });
 
 }  // namespace
