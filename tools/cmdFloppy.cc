@@ -12,6 +12,7 @@
 #include "cli.h"
 #include "guestprep/autoinstall.h"
 #include "guestprep/guess.h"
+#include "installSteps.h"
 #include "lib/guestInstall/autoinstallLinux.h"
 #include "platform/fat/fat.h"
 #include "platform/file/file.h"
@@ -35,19 +36,7 @@ struct Options {
 
 namespace fs = std::filesystem;
 
-// A directory removed with everything in it when the command ends.
-struct ScratchDir {
-  std::string path;
-  ScratchDir() = default;
-  ScratchDir(const ScratchDir &) = delete;
-  ScratchDir &operator=(const ScratchDir &) = delete;
-  ~ScratchDir() {
-    if (!path.empty()) {
-      std::error_code ec;
-      fs::remove_all(path, ec);
-    }
-  }
-};
+using cli::ScratchDir;
 
 // Creates the output directory and a scratch directory inside it (on the
 // same file system, so the floppy can be renamed into place).
@@ -58,60 +47,26 @@ bool MakeScratch(const std::string &outDir, ScratchDir *scratch) {
     cli::Fail("cannot create " + outDir + ": " + ec.message());
     return false;
   }
-  std::string pattern = outDir + "/.floppy-XXXXXX";
-  if (mkdtemp(pattern.data()) == nullptr) {
-    cli::Fail("cannot create a scratch directory in " + outDir + ": " + strerror(errno));
+  std::string why;
+  if (!scratch->Create(outDir + "/.floppy-XXXXXX", &why)) {
+    cli::Fail(why);
     return false;
   }
-  scratch->path = pattern;
   return true;
 }
 
-// Blank 1.44 MB floppies as "suse.flp" and "mandriva.flp", for callers who
-// have no template floppies of their own.
+// Blank template floppies, for callers who have none of their own.
 bool MakeBlankTemplates(const std::string &outDir, ScratchDir *scratch) {
+  std::string why;
   if (!MakeScratch(outDir, scratch)) {
     return false;
   }
-  for (const char *name : {"suse.flp", "mandriva.flp"}) {
-    std::string path = scratch->path + "/" + name;
-    FATDevice *device = nullptr;
-    FATVolume *volume = nullptr;
-    if (FATDevFileIO_Open(path.c_str(), &device) != FAT_OK ||
-        FAT_FormatVolume(device, kFATFloppy144Size, 0, &volume) != FAT_OK) {
-      cli::Fail(cli::FailedStep("cannot format a blank template floppy " + path));
-      return false;
-    }
-    FAT_CloseVolume(volume);
+  if (!cli::MakeBlankFloppyTemplates(scratch->path, &why)) {
+    cli::Fail(why);
+    return false;
   }
   gOpt.templateDir = scratch->path;
   return true;
-}
-
-// The names and sizes in the floppy's root directory: objects for JSON,
-// "name (N bytes)" for text.
-nlohmann::ordered_json RootListing(const std::string &image, bool json) {
-  nlohmann::ordered_json files = nlohmann::json::array();
-  FATDevice *device = nullptr;
-  FATVolume *volume = nullptr;
-  FATDirectory *root = nullptr;
-  if (FATDevFileIO_Open(image.c_str(), &device) != FAT_OK ||
-      FAT_OpenVolume(device, &volume) != FAT_OK) {
-    return files;
-  }
-  if (FAT_OpenRootDirectory(volume, &root) == FAT_OK) {
-    FATDirEntryInfo info;
-    for (uint32_t cursor = 0; FAT_ReadDirectory(root, &cursor, &info) == FAT_OK;) {
-      if (json) {
-        files.push_back({{"name", info.name}, {"size", info.size}});
-      } else {
-        files.push_back(std::string(info.name) + " (" + std::to_string(info.size) + " bytes)");
-      }
-    }
-    FAT_CloseDirectory(root);
-  }
-  FAT_CloseVolume(volume);
-  return files;
 }
 
 // Where the upgrader lies in the tools image: --upgrader-dir, else the
@@ -184,7 +139,7 @@ int RunWindows(const std::string &osKey) {
   nlohmann::ordered_json j;
   j["osKey"] = osKey;
   j["floppy"] = floppy;
-  j["files"] = RootListing(floppy, gOpt.json);
+  j["files"] = cli::FloppyListing(floppy, gOpt.json);
   cli::PrintRecord(j, gOpt.json);
   return cli::kExitOk;
 }
@@ -241,7 +196,7 @@ int Run() {
   }
   const std::string floppy = gOpt.outDir + "/autoinst.flp";
   j["floppy"] = floppy;
-  j["files"] = RootListing(floppy, gOpt.json);
+  j["files"] = cli::FloppyListing(floppy, gOpt.json);
   j["kernelArgs"] = LinuxFamilyTable[family].kernelArgs;
   cli::PrintRecord(j, gOpt.json);
   return cli::kExitOk;

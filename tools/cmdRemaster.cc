@@ -1,19 +1,17 @@
 // guestprep remaster IMAGE: a bootable copy of a Linux installation image's
 // boot files whose boot entry points the installer at its answer file.
-#include <fcntl.h>
 #include <stdlib.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <system_error>
 
 #include "cli.h"
 #include "guestprep/autoinstall.h"
 #include "guestprep/guess.h"
+#include "installSteps.h"
 #include "lib/guestInstall/autoinstallLinux.h"
 
 namespace {
@@ -29,80 +27,6 @@ struct Options {
   bool json = false;
 } gOpt;
 
-// Debian's isolinux package; Ubuntu 20.10 and later media carry no isolinux.
-constexpr char kHostIsolinuxBin[] = "/usr/lib/ISOLINUX/isolinux.bin";
-
-std::string FindOnPath(const char *name) {
-  const char *path = getenv("PATH");
-  std::string dirs = path != nullptr ? path : "/usr/bin:/bin";
-  for (size_t start = 0; start <= dirs.size();) {
-    size_t end = dirs.find(':', start);
-    if (end == std::string::npos) {
-      end = dirs.size();
-    }
-    std::string candidate = dirs.substr(start, end - start) + "/" + name;
-    if (end > start && access(candidate.c_str(), X_OK) == 0) {
-      return candidate;
-    }
-    start = end + 1;
-  }
-  return "";
-}
-
-// The mastering tool's own output goes to a file beside the image while it
-// runs, so the command's stdout stays clean and a failure can quote it.
-class CapturedOutput {
- public:
-  explicit CapturedOutput(const std::string &dir) : path_(dir + "/.autoinst-master-XXXXXX") {
-    int fd = mkstemp(path_.data());
-    if (fd < 0) {
-      path_.clear();
-      return;
-    }
-    fflush(stdout);
-    fflush(stderr);
-    savedOut_ = dup(STDOUT_FILENO);
-    savedErr_ = dup(STDERR_FILENO);
-    dup2(fd, STDOUT_FILENO);
-    dup2(fd, STDERR_FILENO);
-    close(fd);
-  }
-  CapturedOutput(const CapturedOutput &) = delete;
-  CapturedOutput &operator=(const CapturedOutput &) = delete;
-  ~CapturedOutput() {
-    Restore();
-    if (!path_.empty()) {
-      unlink(path_.c_str());
-    }
-  }
-
-  // Puts stdout and stderr back; the last non-empty line the tool wrote.
-  std::string Restore() {
-    if (savedOut_ >= 0) {
-      fflush(stdout);
-      fflush(stderr);
-      dup2(savedOut_, STDOUT_FILENO);
-      dup2(savedErr_, STDERR_FILENO);
-      close(savedOut_);
-      close(savedErr_);
-      savedOut_ = savedErr_ = -1;
-    }
-    std::ifstream in(path_);
-    std::string line, last;
-    while (std::getline(in, line)) {
-      if (!line.empty()) {
-        last = line;
-      }
-    }
-    return last;
-  }
-
- private:
-  std::string path_;
-  int savedOut_ = -1;
-  int savedErr_ = -1;
-};
-
 int Run() {
   GuessInfo info;
   LinuxInstallFamily family;
@@ -114,30 +38,10 @@ int Run() {
     cli::Fail("no answer file " + answerFile + " (write it with guestprep answer first)");
     return cli::kExitFailure;
   }
-  if (gOpt.isolinuxBin.empty() && info.version == GUESS_VERSION_UBUNTU_2010_OR_HIGHER) {
-    if (!fs::is_regular_file(kHostIsolinuxBin)) {
-      cli::Fail(gOpt.image +
-                ": the image has no isolinux boot loader; give one with "
-                "--isolinux-bin (Debian's isolinux package has it)");
-      return cli::kExitFailure;
-    }
-    gOpt.isolinuxBin = kHostIsolinuxBin;
-  }
-  if (gOpt.tool.empty()) {
-    for (const char *name : {"genisoimage", "xorrisofs", "mkisofs"}) {
-      if (gOpt.tool = FindOnPath(name); !gOpt.tool.empty()) {
-        break;
-      }
-    }
-    if (gOpt.tool.empty()) {
-      cli::Fail("no mastering tool: install genisoimage or xorriso, or give --mastering-tool");
-      return cli::kExitFailure;
-    }
-  }
-  // The kickstart may have been written by another process; the boot entry
-  // needs the kernel argument that writing it sets.
-  if (family == LINUX_FAMILY_REDHAT) {
-    autoinstall::SetKickstartKernelArgs(info.version);
+  std::string why;
+  if (!cli::FindMasteringTool(&gOpt.tool, &why)) {
+    cli::Fail(why);
+    return cli::kExitFailure;
   }
 
   std::error_code ec;
@@ -160,29 +64,12 @@ int Run() {
     return cli::kExitFailure;
   }
 
-  cli::Progress("scanning " + gOpt.image + " for its boot files");
-  if (!AutoInstall_ScanISO(gOpt.image.c_str(), staging.c_str(), info.osKey, info.version,
-                           gOpt.isolinuxBin.empty() ? nullptr : gOpt.isolinuxBin.c_str())) {
-    fs::remove_all(staging, ec);
-    cli::Fail(gOpt.image +
-              ": no usable isolinux boot entry (kernel, initrd and append line) or boot loader");
+  if (!cli::MasterBootImage({gOpt.image, &info, staging, gOpt.tool, gOpt.isolinuxBin, gOpt.outDir},
+                            &why)) {
+    cli::Fail(why);
     return cli::kExitFailure;
   }
-
   const std::string iso = gOpt.outDir + "/autoinst.iso";
-  cli::Progress("mastering " + iso + " with " + gOpt.tool);
-  bool mastered;
-  std::string toolSaid;
-  {
-    CapturedOutput captured(gOpt.outDir);
-    mastered = AutoInstall_MasterISO(staging.c_str(), gOpt.tool.c_str(), gOpt.outDir.c_str());
-    toolSaid = captured.Restore();
-  }
-  if (!mastered) {
-    std::string why = cli::FailedStep("cannot master " + iso + " with " + gOpt.tool);
-    cli::Fail(toolSaid.empty() ? why : why + ": " + toolSaid);
-    return cli::kExitFailure;
-  }
 
   nlohmann::ordered_json j;
   j["image"] = gOpt.image;
