@@ -29,6 +29,7 @@ extern const Command kDetectCommand;
 extern const Command kAnswerCommand;
 extern const Command kFloppyCommand;
 extern const Command kRemasterCommand;
+extern const Command kPrepareCommand;
 extern const Command kToolsCommand;
 // Members of the tools group that live in files of their own.
 extern const Command kToolsStatusCommand;

@@ -3,6 +3,7 @@
 // failed step, and progress lines for the long steps.
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
 
@@ -107,9 +108,15 @@ void PrintRecord(const nlohmann::ordered_json &record, bool json) {
     puts(record.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
     return;
   }
+  size_t width = 0;
+  for (const auto &[key, value] : record.items()) {
+    width = std::max(width, key.size() + 1);
+  }
   for (const auto &[key, value] : record.items()) {
     std::string shown;
-    if (value.is_string()) {
+    if (value.is_null()) {
+      shown = "-";
+    } else if (value.is_string()) {
       shown = value.get<std::string>();
     } else if (value.is_boolean()) {
       shown = value.get<bool>() ? "yes" : "no";
@@ -121,7 +128,7 @@ void PrintRecord(const nlohmann::ordered_json &record, bool json) {
     } else {
       shown = value.dump();
     }
-    printf("%-12s %s\n", (key + ":").c_str(), EscapeText(shown).c_str());
+    printf("%-*s %s\n", static_cast<int>(width), (key + ":").c_str(), EscapeText(shown).c_str());
   }
 }
 

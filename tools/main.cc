@@ -19,11 +19,8 @@ namespace {
 
 // Subcommands, in the order --help lists them.
 const cli::Command kCommands[] = {
-    cli::kDetectCommand,
-    cli::kAnswerCommand,
-    cli::kFloppyCommand,
-    cli::kRemasterCommand,
-    cli::kToolsCommand,
+    cli::kDetectCommand, cli::kPrepareCommand,  cli::kAnswerCommand,
+    cli::kFloppyCommand, cli::kRemasterCommand, cli::kToolsCommand,
 };
 
 // Without --log the library's lines are dropped: each command says what went
