@@ -26,6 +26,7 @@
 #include "guestprep/toolsiso.h"
 #include "installSteps.h"
 #include "lib/guestInstall/autoinstallLinux.h"
+#include "platform/fat/fat.h"
 #include "platform/iso9660/iso9660.h"
 #include "platform/util/str.h"
 
@@ -86,6 +87,13 @@ class PendingOutput {
     if (fs::exists(status)) {
       if (!fs::is_directory(status)) {
         *why = outDir + " exists and is not a directory";
+        return false;
+      }
+      // Through a link the work goes beside the real directory, on its
+      // file system.
+      out_ = fs::canonical(out_, ec);
+      if (ec) {
+        *why = "cannot resolve " + outDir + ": " + ec.message();
         return false;
       }
       if (access(out_.c_str(), W_OK | X_OK) != 0) {
@@ -309,6 +317,7 @@ int RunLinux(const GuessInfo &info, LinuxInstallFamily family) {
   if (!cli::MasterBootImage({gOpt.image, &info, medium.path, tool, "", work}, &why)) {
     return StepFailed("master autoinst.iso", why);
   }
+  medium.Remove();  // the mastering removed its contents
 
   const LinuxFamilyRow &row = LinuxFamilyTable[family];
   if (row.needsFloppy != 0) {
@@ -348,6 +357,29 @@ int RunLinux(const GuessInfo &info, LinuxInstallFamily family) {
   }
   cli::PrintRecord(j, gOpt.json);
   return cli::kExitOk;
+}
+
+// Copies a file of the floppy's root directory into dir.
+bool CopyFromFloppy(const std::string &floppy, const char *name, const std::string &dir,
+                    std::string *why) {
+  FATDevice *device = nullptr;
+  FATVolume *volume = nullptr;
+  FATDirectory *root = nullptr;
+  const std::string dest = dir + "/" + name;
+  bool ok = FATDevFileIO_Open(floppy.c_str(), &device) == FAT_OK &&
+            FAT_OpenVolume(device, &volume) == FAT_OK &&
+            FAT_OpenRootDirectory(volume, &root) == FAT_OK &&
+            GetFileFromFloppyImg(root, name, dest.c_str());
+  if (root != nullptr) {
+    FAT_CloseDirectory(root);
+  }
+  if (volume != nullptr) {
+    FAT_CloseVolume(volume);
+  }
+  if (!ok) {
+    *why = cli::FailedStep("cannot read " + std::string(name) + " back from " + floppy);
+  }
+  return ok;
 }
 
 // The storage driver directory of a tools image: the one holding
@@ -434,6 +466,12 @@ int RunWindows(const GuessInfo &info) {
   }
   if (rename((floppyDir.path + "/autoinst.flp").c_str(), (work + "/autoinst.flp").c_str()) != 0) {
     return StepFailed("build autoinst.flp", std::string("cannot move it: ") + strerror(errno));
+  }
+  floppyDir.Remove();
+  // The builder registered the drivers in the floppy's "winnt.sif": the
+  // caller's copy is made the same.
+  if (!driverDir.empty() && !CopyFromFloppy(work + "/autoinst.flp", "winnt.sif", work, &why)) {
+    return StepFailed("build autoinst.flp", why);
   }
 
   const fs::path final = out.out();

@@ -197,6 +197,11 @@ bool CheckLinuxTexts(const GuessInfo &info, const std::string &user, const std::
   };
   bool ok = true;
   for (const Text &t : texts) {
+    // The account's password stands for the administrator's unless one
+    // of its own was given: one reason is enough.
+    if (&t.value == &rootPassword.text && rootPassword.text == password.text) {
+      continue;
+    }
     char *message = nullptr;
     if (AutoInstallValidateLinuxText(&info, t.value.c_str(), t.kind, &message) ==
         AUTOINSTALL_TEXT_OK) {
@@ -458,9 +463,14 @@ std::vector<std::string> DirectoriesHolding(const std::string &image, const std:
 }
 
 ScratchDir::~ScratchDir() {
+  Remove();
+}
+
+void ScratchDir::Remove() {
   if (!path.empty()) {
     std::error_code ec;
     fs::remove_all(path, ec);
+    path.clear();
   }
 }
 

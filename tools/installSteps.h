@@ -113,6 +113,8 @@ struct ScratchDir {
   ~ScratchDir();
   // A new directory named like pattern ("<dir>/.name-XXXXXX").
   bool Create(std::string pattern, std::string *why);
+  // Removes it now.
+  void Remove();
 };
 
 }  // namespace cli

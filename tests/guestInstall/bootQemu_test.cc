@@ -4,13 +4,10 @@
 // genisoimage) and booted in QEMU through the host's isolinux; the kernel
 // command line read from the serial port must carry the answer-file
 // arguments. KVM is used when it can run the boot loader, else TCG.
-#include <fcntl.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <optional>
@@ -19,6 +16,7 @@
 
 #include "guestprep/autoinstall.h"
 #include "support/imageFixtures.h"
+#include "support/qemuBoot.h"
 #include "support/testSupport.h"
 
 namespace {
@@ -26,70 +24,14 @@ namespace {
 namespace fs = std::filesystem;
 using testing_support::CommandResult;
 using testing_support::DataDir;
+using testing_support::kBootTimeoutSeconds;
+using testing_support::KernelPath;
+using testing_support::LineAfter;
+using testing_support::MakeInitrd;
 using testing_support::RunCommand;
 using testing_support::Split;
 using testing_support::TempDir;
 using testing_support::TsvRow;
-
-// A hung boot fails the test instead of hanging the run.
-constexpr int kBootTimeoutSeconds = 120;
-
-fs::path KernelPath() {
-  const char *cache = getenv("XDG_CACHE_HOME");
-  const char *home = getenv("HOME");
-  const fs::path base =
-      cache != nullptr && *cache != '\0' ? fs::path(cache) : fs::path(home ? home : "") / ".cache";
-  return base / "guestprep" / "vmlinuz";
-}
-
-// The initrd: a static init and the mount points it uses, as a newc cpio.
-void MakeInitrd(const fs::path &dir, const fs::path &out) {
-  fs::create_directories(dir / "dev");
-  fs::create_directories(dir / "proc");
-  CommandResult r = RunCommand({"cc", "-static", "-Os", "-s", "-o", (dir / "init").string(),
-                                (DataDir() / "isolinux" / "boot" / "init.c").string()});
-  ASSERT_EQ(0, r.exitCode) << r.output;
-  r = RunCommand({"sh", "-c", "cd \"$1\" && find . | cpio -o -H newc --quiet > \"$2\"", "sh",
-                  dir.string(), out.string()});
-  ASSERT_EQ(0, r.exitCode) << r.output;
-}
-
-// Runs QEMU on the image until it exits (the init restarts the machine),
-// the time runs out, or it stops on its own KVM failure (stopped is then
-// set: QEMU stops the guest and waits).
-CommandResult RunQemu(const fs::path &image, bool kvm) {
-  std::vector<std::string> argv =
-      Split("qemu-system-x86_64 -boot d -display none -serial stdio -no-reboot -m 256", " ");
-  argv.insert(argv.end(), {"-cdrom", image.string()});
-  if (kvm) {
-    argv.push_back("-enable-kvm");
-  }
-  return RunCommand(argv, kBootTimeoutSeconds, "KVM internal error");
-}
-
-// Whether to try KVM: /dev/kvm opens and no boot of this run has seen it
-// fail (some nested KVMs cannot run the boot loader's real-mode code).
-bool kvmFailedBefore = false;
-bool TryKvm() {
-  const int fd = open("/dev/kvm", O_RDWR | O_CLOEXEC);
-  if (fd < 0) {
-    return false;
-  }
-  close(fd);
-  return !kvmFailedBefore;
-}
-
-// The text after prefix on the serial line that holds it, without the
-// line end; nothing when no line does.
-std::optional<std::string> LineAfter(const std::string &serial, const std::string &prefix) {
-  const size_t at = serial.find(prefix);
-  if (at == std::string::npos) {
-    return std::nullopt;
-  }
-  const size_t start = at + prefix.size();
-  const size_t end = serial.find_first_of("\r\n", start);
-  return serial.substr(start, end == std::string::npos ? std::string::npos : end - start);
-}
 
 class Booted : public testing::TestWithParam<TsvRow> {};
 
@@ -119,15 +61,8 @@ TEST_P(Booted, CommandLineCarriesTheAnswerFile) {
   ASSERT_TRUE(AutoInstall_MasterISO(staging.c_str(), "genisoimage", tmp.str().c_str()));
 
   const fs::path image = tmp / "autoinst.iso";
-  const bool tryKvm = TryKvm();
-  CommandResult boot = RunQemu(image, tryKvm);
-  if (boot.stopped) {
-    std::cout << "[   BOOT   ] KVM cannot run the boot loader here (" << boot.seconds
-              << " s lost); booting with TCG\n";
-    kvmFailedBefore = true;
-    boot = RunQemu(image, false);
-  }
-  const char *accel = tryKvm && !kvmFailedBefore ? "kvm" : "tcg";
+  std::string accel;
+  const CommandResult boot = testing_support::BootCdrom(image, &accel);
   std::cout << "[   BOOT   ] " << c[0] << ": " << accel << ", " << boot.seconds
             << " s from start to exit\n";
   RecordProperty("boot_seconds", std::to_string(boot.seconds));
