@@ -145,7 +145,9 @@ class PendingOutput {
     std::vector<std::pair<fs::path, bool>> moved;  // target, whether it replaced one
     for (const fs::directory_entry &entry : fs::directory_iterator(work_, ec)) {
       const fs::path target = out_ / entry.path().filename();
-      const bool replaces = fs::symlink_status(target, ec).type() != fs::file_type::not_found;
+      std::error_code statusError;
+      const bool replaces =
+          fs::symlink_status(target, statusError).type() != fs::file_type::not_found;
       if (renameat2(AT_FDCWD, entry.path().c_str(), AT_FDCWD, target.c_str(),
                     replaces ? RENAME_EXCHANGE : RENAME_NOREPLACE) != 0) {
         *why = "cannot move " + entry.path().filename().string() + " into " + out_.string() + ": " +

@@ -112,7 +112,9 @@ TEST_P(LinuxPrepared, BootImageAndFloppyPassTheirCheckers) {
   TempDir tmp;
   const fs::path image = MakeImage(tmp, c[1], c[2]);
   const fs::path tools = MakeToolsImage(tmp, "linux");
+  // An existing output directory: the results join what is there.
   const fs::path out = tmp / "vm";
+  testing_support::WriteFile(out / "keep.txt", "kept");
   testing_support::WriteFile(tmp / "password", "secret\n");
   const CommandResult run = Prepare(tmp, image, {"--tools-image", tools.string(), "--json"}, out);
   ASSERT_EQ(0, run.exitCode) << run.output;
@@ -159,6 +161,7 @@ TEST_P(LinuxPrepared, BootImageAndFloppyPassTheirCheckers) {
     EXPECT_EQ(Split(c[7], ","), names);
     EXPECT_EQ(answer, testing_support::MtoolsRead(floppy, fs::path(c[4]).filename().string()));
   }
+  EXPECT_EQ("kept", ReadFile(out / "keep.txt"));
   // Nothing of the build is left beside the output.
   for (const fs::directory_entry &e : fs::directory_iterator(tmp.path())) {
     EXPECT_FALSE(e.path().filename().string().starts_with(".vm.")) << e.path();
