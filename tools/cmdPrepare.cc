@@ -45,6 +45,7 @@ struct Options {
   std::string productKey;
   std::string edition;
   std::string tool;
+  std::string isolinuxBin;
   std::string outDir;
   bool powerOff = false;
   bool json = false;
@@ -269,6 +270,11 @@ int RunLinux(const GuessInfo &info, LinuxInstallFamily family) {
     cli::Fail("--user: required for Linux guests");
     return cli::kExitUsage;
   }
+  if (!gOpt.productKey.empty() || !gOpt.edition.empty()) {
+    cli::Fail(std::string(gOpt.edition.empty() ? "--product-key" : "--edition") +
+              ": for Windows guests only");
+    return cli::kExitUsage;
+  }
   cli::Secret password, rootPassword;
   if (!cli::ReadPassword(gOpt.passwordFile, "--password-file", &password)) {
     return cli::kExitFailure;
@@ -316,7 +322,7 @@ int RunLinux(const GuessInfo &info, LinuxInstallFamily family) {
   if (!toolsImage.empty() && !StageLinuxTools(toolsImage, medium.path, work, &why)) {
     return StepFailed("stage the tools payload", why);
   }
-  if (!cli::MasterBootImage({gOpt.image, &info, medium.path, tool, "", work}, &why)) {
+  if (!cli::MasterBootImage({gOpt.image, &info, medium.path, tool, gOpt.isolinuxBin, work}, &why)) {
     return StepFailed("master autoinst.iso", why);
   }
   medium.Remove();  // the mastering removed its contents
@@ -396,6 +402,10 @@ std::string ChooseDriverDir(const std::vector<std::string> &dirs) {
 }
 
 int RunWindows(const GuessInfo &info) {
+  if (gOpt.powerOff) {
+    cli::Fail("--poweroff: for Linux guests only");
+    return cli::kExitUsage;
+  }
   if (!gOpt.user.empty() || !gOpt.rootPasswordFile.empty()) {
     cli::Fail(std::string(gOpt.user.empty() ? "--root-password-file" : "--user") +
               ": Windows guests have one account, named by --full-name");
@@ -512,7 +522,7 @@ CLI::App *Add(CLI::App &app) {
       "Everything a new virtual machine needs to install the guest an installation image "
       "installs, unattended. Linux: the answer file, \"autoinst.iso\" (the image's boot files "
       "with a boot entry pointing the installer at the answer file, and the tools upgrader "
-      "when a tools image is given) and, for Ubuntu, SUSE and Mandriva, \"autoinst.flp\" "
+      "when a tools image is given) and, for Ubuntu and SUSE, \"autoinst.flp\" "
       "carrying the answer file. Windows: \"winnt.sif\", \"autoun~0.xml\", \"storePwd.ini\" "
       "and \"autoinst.flp\" with the answer files, the storage drivers and the upgrader of the "
       "tools image. Every text is checked first; a rejected one is reported with its reason "
@@ -534,9 +544,10 @@ CLI::App *Add(CLI::App &app) {
   auto *tools = cmd->add_option("--tools-image", gOpt.toolsImage,
                                 "Guest tools image the upgrader (and Windows drivers) come from")
                     ->type_name("ISO");
-  auto *libdir = cmd->add_option("--libdir", gOpt.libDir,
-                                 "Host library directory whose tools image for the guest to use")
-                     ->type_name("DIR");
+  auto *libdir =
+      cmd->add_option("--libdir", gOpt.libDir,
+                      "Host library directory: the guest's tools image is the one its naming gives")
+          ->type_name("DIR");
   tools->excludes(libdir);
   libdir->excludes(tools);
   cmd->add_flag("--poweroff", gOpt.powerOff, "Linux: power off when the install is done");
@@ -548,6 +559,10 @@ CLI::App *Add(CLI::App &app) {
                   "Linux: mkisofs-compatible program to master with (default: genisoimage, "
                   "xorrisofs or mkisofs from PATH)")
       ->type_name("PATH");
+  cmd->add_option("--isolinux-bin", gOpt.isolinuxBin,
+                  "Linux: boot loader to use instead of the image's own (default for Ubuntu "
+                  "20.10 and later: the host's /usr/lib/ISOLINUX/isolinux.bin)")
+      ->type_name("FILE");
   cmd->add_option("--out", gOpt.outDir, "Directory that receives the results")
       ->required()
       ->type_name("DIR");
