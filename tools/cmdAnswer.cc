@@ -36,11 +36,6 @@ struct Options {
 using cli::Secret;
 
 int RunWindows(const GuessInfo &info, const Secret &password) {
-  if (!gOpt.user.empty() || !gOpt.rootPasswordFile.empty()) {
-    cli::Fail(std::string(gOpt.user.empty() ? "--root-password-file" : "--user") +
-              ": Windows guests have one account, named by --full-name");
-    return cli::kExitFailure;
-  }
   cli::WindowsAnswers answers;
   answers.fullName = gOpt.fullName;
   answers.password = &password;
@@ -88,7 +83,7 @@ int Run() {
   }
   if (family == LINUX_FAMILY_NONE) {
     Secret password;
-    if (!cli::ReadPassword(gOpt.passwordFile, "--password-file", &password)) {
+    if (!cli::ReadWindowsPassword(gOpt.user, gOpt.rootPasswordFile, gOpt.passwordFile, &password)) {
       return cli::kExitFailure;
     }
     return RunWindows(info, password);
@@ -98,16 +93,9 @@ int Run() {
     return cli::kExitUsage;
   }
 
-  Secret password, rootPassword;
-  if (!cli::ReadPassword(gOpt.passwordFile, "--password-file", &password)) {
-    return cli::kExitFailure;
-  }
-  if (gOpt.rootPasswordFile.empty()) {
-    rootPassword.text = password.text;
-  } else if (!cli::ReadPassword(gOpt.rootPasswordFile, "--root-password-file", &rootPassword)) {
-    return cli::kExitFailure;
-  }
-  if (!cli::CheckLinuxTexts(info, gOpt.user, gOpt.fullName, password, rootPassword)) {
+  cli::Secret password, rootPassword;
+  if (!cli::ReadLinuxAccount(info, gOpt.user, gOpt.fullName, gOpt.passwordFile,
+                             gOpt.rootPasswordFile, &password, &rootPassword)) {
     return cli::kExitFailure;
   }
   if (!AutoInstall_PrepareAnswerFileEx_Linux(

@@ -276,15 +276,8 @@ int RunLinux(const GuessInfo &info, LinuxInstallFamily family) {
     return cli::kExitUsage;
   }
   cli::Secret password, rootPassword;
-  if (!cli::ReadPassword(gOpt.passwordFile, "--password-file", &password)) {
-    return cli::kExitFailure;
-  }
-  if (gOpt.rootPasswordFile.empty()) {
-    rootPassword.text = password.text;
-  } else if (!cli::ReadPassword(gOpt.rootPasswordFile, "--root-password-file", &rootPassword)) {
-    return cli::kExitFailure;
-  }
-  if (!cli::CheckLinuxTexts(info, gOpt.user, gOpt.fullName, password, rootPassword)) {
+  if (!cli::ReadLinuxAccount(info, gOpt.user, gOpt.fullName, gOpt.passwordFile,
+                             gOpt.rootPasswordFile, &password, &rootPassword)) {
     return cli::kExitFailure;
   }
   std::string why, tool = gOpt.tool, toolsImage;
@@ -406,13 +399,8 @@ int RunWindows(const GuessInfo &info) {
     cli::Fail("--poweroff: for Linux guests only");
     return cli::kExitUsage;
   }
-  if (!gOpt.user.empty() || !gOpt.rootPasswordFile.empty()) {
-    cli::Fail(std::string(gOpt.user.empty() ? "--root-password-file" : "--user") +
-              ": Windows guests have one account, named by --full-name");
-    return cli::kExitFailure;
-  }
   cli::Secret password;
-  if (!cli::ReadPassword(gOpt.passwordFile, "--password-file", &password)) {
+  if (!cli::ReadWindowsPassword(gOpt.user, gOpt.rootPasswordFile, gOpt.passwordFile, &password)) {
     return cli::kExitFailure;
   }
   cli::WindowsAnswers answers;

@@ -219,6 +219,30 @@ bool CheckLinuxTexts(const GuessInfo &info, const std::string &user, const std::
   return ok;
 }
 
+bool ReadLinuxAccount(const GuessInfo &info, const std::string &user, const std::string &fullName,
+                      const std::string &passwordFile, const std::string &rootPasswordFile,
+                      Secret *password, Secret *rootPassword) {
+  if (!ReadPassword(passwordFile, "--password-file", password)) {
+    return false;
+  }
+  if (rootPasswordFile.empty()) {
+    rootPassword->text = password->text;
+  } else if (!ReadPassword(rootPasswordFile, "--root-password-file", rootPassword)) {
+    return false;
+  }
+  return CheckLinuxTexts(info, user, fullName, *password, *rootPassword);
+}
+
+bool ReadWindowsPassword(const std::string &user, const std::string &rootPasswordFile,
+                         const std::string &passwordFile, Secret *password) {
+  if (!user.empty() || !rootPasswordFile.empty()) {
+    Fail(std::string(user.empty() ? "--root-password-file" : "--user") +
+         ": Windows guests have one account, named by --full-name");
+    return false;
+  }
+  return ReadPassword(passwordFile, "--password-file", password);
+}
+
 bool CheckWindowsTexts(const GuessInfo &info, const std::string &fullName, const Secret &password,
                        std::string *productKey) {
   bool ok = true;

@@ -29,6 +29,18 @@ struct Secret {
 // At most 64 KiB and no NUL byte; false after one line naming option.
 bool ReadPassword(const std::string &source, const char *option, Secret *out);
 
+// The Linux account: both passwords read (the administrator's is the
+// account's unless rootPasswordFile is given) and every text checked; false
+// after the lines saying why.
+bool ReadLinuxAccount(const GuessInfo &info, const std::string &user, const std::string &fullName,
+                      const std::string &passwordFile, const std::string &rootPasswordFile,
+                      Secret *password, Secret *rootPassword);
+
+// The Windows account's password, after refusing the Linux account options
+// (Windows has one account, named by the full name).
+bool ReadWindowsPassword(const std::string &user, const std::string &rootPasswordFile,
+                         const std::string &passwordFile, Secret *password);
+
 // The Linux account texts: prints the localised reason for each rejected
 // one (the validators' messages, then what the answer file could not hold
 // unchanged); true when all pass.
