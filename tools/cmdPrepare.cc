@@ -265,6 +265,18 @@ uint64_t SizeOf(const fs::path &path) {
   return ec ? 0 : size;
 }
 
+// Moves the results into place, then says what was made.
+int Finish(PendingOutput &out, const std::string &toolsImage, nlohmann::ordered_json *record) {
+  (*record)["toolsImage"] =
+      toolsImage.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(toolsImage);
+  std::string why;
+  if (!out.Commit(&why)) {
+    return StepFailed("move the results into " + gOpt.outDir, why);
+  }
+  cli::PrintRecord(*record, gOpt.json);
+  return cli::kExitOk;
+}
+
 int RunLinux(const GuessInfo &info, LinuxInstallFamily family) {
   if (gOpt.user.empty()) {
     cli::Fail("--user: required for Linux guests");
@@ -351,13 +363,7 @@ int RunLinux(const GuessInfo &info, LinuxInstallFamily family) {
   } else {
     j["floppy"] = nullptr;
   }
-  j["toolsImage"] =
-      toolsImage.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(toolsImage);
-  if (!out.Commit(&why)) {
-    return StepFailed("move the results into " + gOpt.outDir, why);
-  }
-  cli::PrintRecord(j, gOpt.json);
-  return cli::kExitOk;
+  return Finish(out, toolsImage, &j);
 }
 
 // Copies a file of the floppy's root directory into dir.
@@ -486,13 +492,7 @@ int RunWindows(const GuessInfo &info) {
   j["floppy"] = (final / "autoinst.flp").string();
   j["floppySize"] = SizeOf(fs::path(work) / "autoinst.flp");
   j["floppyFiles"] = cli::FloppyListing(work + "/autoinst.flp", gOpt.json);
-  j["toolsImage"] =
-      toolsImage.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(toolsImage);
-  if (!out.Commit(&why)) {
-    return StepFailed("move the results into " + gOpt.outDir, why);
-  }
-  cli::PrintRecord(j, gOpt.json);
-  return cli::kExitOk;
+  return Finish(out, toolsImage, &j);
 }
 
 int Run() {
