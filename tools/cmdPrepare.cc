@@ -131,6 +131,13 @@ class PendingOutput {
   // failed move puts back what the earlier ones replaced.
   bool Commit(std::string *why) {
     std::error_code ec;
+    // Every result carries a password or its hash: the owner's alone.
+    for (const fs::directory_entry &entry : fs::recursive_directory_iterator(work_, ec)) {
+      if (entry.is_regular_file(ec)) {
+        fs::permissions(entry.path(), fs::perms::owner_read | fs::perms::owner_write, ec);
+      }
+    }
+    ec.clear();
     if (!fs::exists(out_, ec)) {
       const mode_t mask = umask(0);
       umask(mask);

@@ -162,6 +162,13 @@ TEST_P(LinuxPrepared, BootImageAndFloppyPassTheirCheckers) {
     EXPECT_EQ(answer, testing_support::MtoolsRead(floppy, fs::path(c[4]).filename().string()));
   }
   EXPECT_EQ("kept", ReadFile(out / "keep.txt"));
+  for (const char *made : {"autoinst.iso", "autoinst.flp", c[4].c_str()}) {
+    if (fs::exists(out / made)) {
+      EXPECT_EQ(fs::perms::owner_read | fs::perms::owner_write,
+                fs::status(out / made).permissions())
+          << made;
+    }
+  }
   // Nothing of the build is left beside the output.
   for (const fs::directory_entry &e : fs::directory_iterator(tmp.path())) {
     EXPECT_FALSE(e.path().filename().string().starts_with(".vm.")) << e.path();
