@@ -217,14 +217,8 @@ bool FindToolsImage(const GuessInfo &info, std::string *image, std::string *why)
 bool ExtractFiles(const std::string &image, const std::string &dir,
                   const std::vector<std::string> &names, const std::string &hostDir,
                   std::string *why) {
-  uint32_t formats = 0;
   Iso9660Volume *volume = nullptr;
-  Iso9660Result r = Iso9660_ListFormats(image.c_str(), &formats);
-  if (r == ISO9660_OK) {
-    r = Iso9660_Open(image.c_str(),
-                     (formats & ISO9660_FORMAT_JOLIET) != 0 ? ISO9660_FORMAT_JOLIET : formats,
-                     &volume);
-  }
+  Iso9660Result r = cli::OpenToolsImage(image, &volume);
   for (size_t i = 0; r == ISO9660_OK && i < names.size(); i++) {
     const std::string path = (dir == "/" ? "" : dir) + "/" + names[i];
     r = Iso9660_Extract(volume, path.c_str(), hostDir.c_str());
@@ -244,7 +238,8 @@ bool ExtractFiles(const std::string &image, const std::string &dir,
 // dest (the boot image's root, which the first boot copies).
 bool StageLinuxTools(const std::string &image, const std::string &dest, const std::string &scratch,
                      std::string *why) {
-  const std::vector<std::string> dirs = cli::DirectoriesHolding(image, "run_upgrader.sh");
+  const std::vector<std::string> dirs =
+      cli::DirectoriesHolding(image, {"run_upgrader.sh"})["run_upgrader.sh"];
   if (dirs.empty()) {
     *why = image + " holds no run_upgrader.sh (not a Linux tools image?)";
     return false;
@@ -431,13 +426,13 @@ int RunWindows(const GuessInfo &info) {
     return StepFailed("find the tools image", why);
   }
   if (!toolsImage.empty()) {
-    driverDir = ChooseDriverDir(cli::DirectoriesHolding(toolsImage, "txtsetup.oem"));
+    auto holding = cli::DirectoriesHolding(toolsImage, {"txtsetup.oem", "BrimleToolsUpgrader.exe"});
+    driverDir = ChooseDriverDir(holding["txtsetup.oem"]);
     if (driverDir.empty()) {
       return StepFailed("find the storage drivers",
                         toolsImage + " holds no storage driver (no txtsetup.oem)");
     }
-    const std::vector<std::string> upgraders =
-        cli::DirectoriesHolding(toolsImage, "BrimleToolsUpgrader.exe");
+    const std::vector<std::string> &upgraders = holding["BrimleToolsUpgrader.exe"];
     if (upgraders.empty()) {
       return StepFailed("find the upgrader", toolsImage + " holds no BrimleToolsUpgrader.exe");
     }

@@ -438,15 +438,25 @@ nlohmann::ordered_json FloppyListing(const std::string &image, bool json) {
   return files;
 }
 
-std::vector<std::string> DirectoriesHolding(const std::string &image, const std::string &name) {
-  std::vector<std::string> found;
+Iso9660Result OpenToolsImage(const std::string &image, Iso9660Volume **volume) {
   uint32_t formats = 0;
-  if (Iso9660_ListFormats(image.c_str(), &formats) != ISO9660_OK) {
-    return found;
+  const Iso9660Result r = Iso9660_ListFormats(image.c_str(), &formats);
+  if (r != ISO9660_OK) {
+    return r;
+  }
+  return Iso9660_Open(image.c_str(),
+                      (formats & ISO9660_FORMAT_JOLIET) != 0 ? ISO9660_FORMAT_JOLIET : formats,
+                      volume);
+}
+
+std::map<std::string, std::vector<std::string>> DirectoriesHolding(
+    const std::string &image, const std::vector<std::string> &names) {
+  std::map<std::string, std::vector<std::string>> found;
+  for (const std::string &name : names) {
+    found[name];
   }
   Iso9660Volume *volume = nullptr;
-  const uint32_t format = (formats & ISO9660_FORMAT_JOLIET) != 0 ? ISO9660_FORMAT_JOLIET : formats;
-  if (Iso9660_Open(image.c_str(), format, &volume) != ISO9660_OK) {
+  if (OpenToolsImage(image, &volume) != ISO9660_OK) {
     return found;
   }
   // Bounded: a tools image has a few hundred entries, a hostile one could
@@ -458,7 +468,6 @@ std::vector<std::string> DirectoriesHolding(const std::string &image, const std:
       return;
     }
     std::vector<std::string> subdirs;
-    bool holds = false;
     Iso9660DirEntry entry;
     while (budget > 0 && Iso9660_ReadDir(volume, handle, &entry) == ISO9660_OK) {
       budget--;
@@ -468,14 +477,16 @@ std::vector<std::string> DirectoriesHolding(const std::string &image, const std:
       }
       if ((entry.flags & ISO9660_ENTRY_DIRECTORY) != 0) {
         subdirs.push_back(entryName);
-      } else if (strcasecmp(entryName.c_str(), name.c_str()) == 0) {
-        holds = true;
+      } else {
+        for (auto &[name, dirs] : found) {
+          if (strcasecmp(entryName.c_str(), name.c_str()) == 0 &&
+              (dirs.empty() || dirs.back() != dir)) {
+            dirs.push_back(dir);
+          }
+        }
       }
     }
     Iso9660_CloseDir(volume, handle);
-    if (holds) {
-      found.push_back(dir);
-    }
     std::sort(subdirs.begin(), subdirs.end());
     for (const std::string &sub : subdirs) {
       walk((dir == "/" ? "" : dir) + "/" + sub, depth + 1);

@@ -6,12 +6,14 @@
 #ifndef GUESTPREP_TOOLS_INSTALLSTEPS_H
 #define GUESTPREP_TOOLS_INSTALLSTEPS_H
 
+#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
 #include "guestprep/autoinstall.h"
 #include "guestprep/guess.h"
+#include "platform/iso9660/iso9660.h"
 
 namespace cli {
 
@@ -110,11 +112,16 @@ bool MakeBlankFloppyTemplates(const std::string &dir, std::string *why);
 // "name (N bytes)" for text.
 nlohmann::ordered_json FloppyListing(const std::string &image, bool json);
 
-// The directories of the image (Joliet names when it has them, as the
-// floppy builder reads it) that hold a file named name, any case, in
-// depth-first name order; "/" for the root. Empty when the image cannot be
-// read.
-std::vector<std::string> DirectoriesHolding(const std::string &image, const std::string &name);
+// Opens a tools image with the names the floppy builder reads it by:
+// Joliet when it has them, else Rock Ridge, else the primary names.
+Iso9660Result OpenToolsImage(const std::string &image, Iso9660Volume **volume);
+
+// For each of names, the directories of the image (opened as
+// OpenToolsImage does) that hold a file of that name, any case, in
+// depth-first name order, "/" for the root; one walk for all. Empty lists
+// when the image cannot be read.
+std::map<std::string, std::vector<std::string>> DirectoriesHolding(
+    const std::string &image, const std::vector<std::string> &names);
 
 // A directory removed with everything in it when dropped.
 struct ScratchDir {
